@@ -1,0 +1,54 @@
+#pragma once
+
+#include "framework/Task.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace Engine {
+
+struct NetProcsMessage {
+    // One socket of this host, as the kernel reports it.
+    struct netProcInfo {
+        unsigned int localPort = 0;   // host order
+        unsigned int protocol = 0;    // 0 TCP, 1 UDP (the numbering the modules use)
+        std::string localAddress;     // text form, IPv4 or IPv6
+        std::string remoteAddress;    // peer address text; "0.0.0.0" / "::" when not connected
+        unsigned int remotePort = 0;  // host order; 0 when not connected
+        unsigned int state = 0;       // kernel socket state (TCP_LISTEN = 10, ...)
+        unsigned long inode = 0;      // socket inode, the cache key
+        int pid = -1;                 // owning process, -1 when it cannot be found
+        std::string processName;      // comm of the owning process, "" when unknown
+    };
+};
+
+// "netproc_full_task": a cache of this host's TCP and UDP sockets (IPv4 and IPv6), refreshed from
+// the kernel (socket diagnostics over netlink, owners from /proc/<pid>/fd) every refresh period.
+class NetProcsFullTask : public Framework::Task {
+public:
+    using CacheMap = std::map<long, std::shared_ptr<NetProcsMessage::netProcInfo>>;
+
+    static constexpr const char* kTaskName = "netproc_full_task";
+
+    explicit NetProcsFullTask(long refreshPeriodMs = 5000);
+    ~NetProcsFullTask() override;
+
+    // Replaces `out` with a snapshot of the cache: socket inode -> socket. Safe from any thread;
+    // the records are shared and never modified after publication.
+    void GetNetCacheMap(CacheMap& out);
+
+    // Re-reads the kernel's socket tables now. False when the kernel could not be asked (the
+    // previous cache is kept).
+    bool RefreshNow();
+
+    int Run() override;
+
+private:
+    long m_refreshPeriodMs;
+    std::mutex m_mutex;
+    CacheMap m_cache;
+};
+
+}  // namespace Engine

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <Poco/Util/Application.h>
+
+#include <string>
+
+namespace Framework {
+
+class Module;
+class Policy;
+class Task;
+
+// The agent application: registry of modules, tasks and current policies. Exactly one exists per
+// process (Poco::Util::Application::instance() is it); modules reach it through that instance.
+class Engine : public Poco::Util::Application {
+public:
+    Engine();
+    ~Engine() override;
+
+    // The running Engine, or null when the application instance is missing or not an Engine.
+    static Engine* Instance();
+
+    // The registered task called `name`, or null. Safe from any thread; the pointer stays valid
+    // until that task is unregistered.
+    Task* FindTask(const std::string& name);
+
+    // Task registry (Module::RegisterTask and friends forward here). See Module for the contract.
+    bool RegisterTask(Task* task, bool adopt);
+    bool UnRegisterTask(const std::string& name);
+    // Unregisters every task, in reverse order of registration.
+    void UnRegisterAllTasks();
+
+    // Modules known to the runtime (not owned). Policies are offered to them in this order.
+    void AddModule(Module* module);
+    void RemoveModule(Module* module);
+
+    // Delivers policy text for feature `key`: the module holding a callback for `key` builds the
+    // new policy from it; the runtime makes it current, dispatches its task policies and retires the
+    // previous one. `name` is passed to the callback (the policy file's name). False when no
+    // module has a callback for `key`.
+    bool DeliverPolicy(const std::string& key, const std::string& name, const std::string& content);
+
+    // The current policy for `key`, or null. Valid until the next delivery for `key`.
+    Policy* GetCurrentPolicy(const std::string& key);
+
+    // Frees retired policies that no running task can still be reading. Called after each delivery
+    // and periodically by the agent; returns how many were freed.
+    std::size_t ReclaimPolicies();
+    // Retired policies not yet freed.
+    std::size_t GetRetiredPolicyCount();
+
+    // Frees every policy, current and retired, of feature keys served by `module`. Only when none
+    // of the module's tasks is registered (the host calls it after the module's UnInit).
+    void ReleasePolicies(Module* module);
+
+protected:
+    int main(const std::vector<std::string>& args) override;
+
+private:
+    struct State;
+    State* m_state;
+};
+
+}  // namespace Framework

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <Poco/Util/Subsystem.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace Framework {
+
+class AbstractPolicyCallback;
+class Policy;
+class Task;
+
+// A plug-in module, created by the library's exported `CreateModule` (C linkage, no arguments,
+// returns Framework::Module*).
+//
+// Ownership at the plug-in boundary: the host owns the module and deletes it through its virtual
+// destructor; before that it calls UnInit(), which unregisters (and so stops) every task the module
+// registered. The runtime owns the callbacks the module registers and every policy its callbacks
+// return, and destroys all of them before the host deletes the module, so nothing made by the
+// module's code outlives it; only then may the library be closed.
+class Module : public Poco::Util::Subsystem {
+public:
+    explicit Module(const std::string& name);
+    ~Module() override;
+
+    // Poco::Util::Subsystem.
+    const char* name() const override;
+    void initialize(Poco::Util::Application& app) override;
+    void uninitialize() override;
+
+    // Starts the module: the runtime calls it once after creation. 0 for success.
+    virtual int Init();
+    // Stops the module: unregisters its remaining tasks and drops its callbacks.
+    virtual void UnInit();
+
+    // Hands `content` to the callback registered for `key`: `policy` is the key's current policy
+    // and receives the callback's result. False when this module has no callback for `key`.
+    virtual bool RefreshPolicy(const std::string& key, const std::string& name, const std::string& content,
+                               Policy*& policy);
+
+    // Registers the callback for policies of `key`; takes ownership (also on failure, when a
+    // callback for `key` exists already: then `callback` is deleted and false returned).
+    bool RegisterPolicyCallback(const std::string& key, AbstractPolicyCallback* callback);
+    // Removes and deletes the callback registered for `key`, whichever registration call added it.
+    bool UnRegisterTaskletCallback(const std::string& key);
+    // True when a callback is registered for `key`.
+    bool HasPolicyCallback(const std::string& key) const;
+
+    // Starts `task` on its own thread (Init, then Run). With `adopt` true the runtime takes over
+    // the caller's reference on the task and releases it when the task is unregistered; with
+    // false the caller keeps its reference and ownership. False when a task of that name is
+    // registered already or Init() failed.
+    bool RegisterTask(Task* task, bool adopt);
+    // Cancels the task `name`, waits for its Run() to return and calls its UnInit(). Harmless
+    // when no such task is registered.
+    bool UnRegisterTask(const std::string& name);
+    // The registered task called `name`, or null.
+    Task* FindTask(const std::string& name);
+
+private:
+    std::string m_name;
+    mutable std::mutex m_mutex;
+    std::map<std::string, AbstractPolicyCallback*> m_callbacks;
+    std::vector<std::string> m_taskNames;  // tasks this module registered
+};
+
+}  // namespace Framework

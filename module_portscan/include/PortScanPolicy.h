@@ -1,0 +1,68 @@
+#pragma once
+
+#include "CollectPortInfoTask.h"
+#include "IPUtil.h"
+#include "framework/Policy.h"
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Engine {
+
+// The feature policy delivered under "10001": feature name, hash, enabled flag, and the
+// "content" object whose "port_scan_task" becomes the child PortScanTaskPolicy.
+class PortScanPolicy : public Framework::FeaturePolicy {
+public:
+    explicit PortScanPolicy(const std::string& name);
+    ~PortScanPolicy() override;
+
+    // Reads the feature document. False for text that is not JSON or lacks "content" or
+    // "content"/"port_scan_task"; true otherwise, also when the task policy failed (then
+    // IsPortScanEnable() is false).
+    bool Parse(const std::string& text) override;
+
+    // Detection is on: the content enables it and the task policy parsed.
+    bool IsPortScanEnable() const { return m_portScanEnable; }
+
+private:
+    bool m_portScanEnable;
+};
+
+// The settings of "port_scan_task", and the store of record of the per-port counters: the task
+// writes its updated records back with RefreshAlarmInfo().
+class PortScanTaskPolicy : public Framework::TaskPolicy {
+public:
+    explicit PortScanTaskPolicy(const std::string& name);
+    ~PortScanTaskPolicy() override;
+
+    bool Parse(const std::string& text) override;
+
+    const std::set<PortInfoNode>& GetPolicyPortSet() const { return m_policyPortSet; }
+    const std::vector<IP_RANGE>& GetWhileIpList() const { return m_whiteIpList; }
+    uint32_t GetMaxPortPkgNum() const { return m_maxPortPkgNum; }
+    uint32_t GetPortMaxIpNum() const { return m_portMaxIpNum; }
+    uint32_t GetMaxLogNum() const { return m_maxLogNum; }
+    bool IsBindMasterIntf() const { return m_bindMasterIntf; }
+    bool IsChkBeforAlarm() const { return m_chkBeforeAlarm; }
+    bool IsPortScanEnable() const { return m_enable; }
+    uint32_t GetMaxPktCount() const { return m_maxPktCount; }
+
+    // Replaces the record with the same port and type by a copy of `node`; a pair the policy does
+    // not name is not added.
+    void RefreshAlarmInfo(const PortInfoNode& node);
+
+private:
+    std::set<PortInfoNode> m_policyPortSet;
+    std::vector<IP_RANGE> m_whiteIpList;
+    uint32_t m_maxPortPkgNum;
+    uint32_t m_portMaxIpNum;
+    uint32_t m_maxLogNum;
+    bool m_bindMasterIntf;
+    bool m_chkBeforeAlarm;
+    bool m_enable;
+    uint32_t m_maxPktCount;
+};
+
+}  // namespace Engine

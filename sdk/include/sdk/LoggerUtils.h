@@ -1,0 +1,51 @@
+#pragma once
+
+#include <string>
+
+namespace Poco {
+class Logger;
+}
+
+namespace SDK {
+
+// Log settings of the agent, as its config file gives them.
+struct LogSettings {
+    std::string level = "information";  // error, warning, information or debug
+    bool console = true;                // also write to standard error
+    std::string file;                   // log file path; empty for none
+};
+
+// The agent's loggers. One instance per process (the shared SDK library holds it).
+//
+// Every line carries the time, the priority name, the logger name, the source file's base name
+// and line (from the Poco::Message), and the text exactly as logged.
+class LoggerUtils {
+public:
+    static LoggerUtils* GetInstance();
+
+    // Sets up the root logger and the common channel. Returns false, with `error` filled,
+    // when the level name is unknown or the log file cannot be opened. May be called again
+    // to change the settings; existing module loggers follow the new level and channel.
+    bool Configure(const LogSettings& settings, std::string& error);
+
+    // The root logger. Before Configure it is POCO's root logger writing to the console at
+    // information level. Never null; owned by POCO, valid until process exit.
+    Poco::Logger* GetRootLogger();
+
+    // The logger called `name`, sharing the root's channel and level. With `separateFile` true it
+    // writes to "<name>.log" beside the agent's log file instead (falls back to the common channel
+    // when the agent logs to no file). Returns null until Configure has succeeded once. Owned by POCO.
+    Poco::Logger* GetModuleLogger(const std::string& name, bool separateFile);
+
+    // The configured level as a Poco::Message priority number (3 error ... 7 debug).
+    int GetLevel() const;
+
+    // Maps a level name of the config ("error", "warning", "information", "debug") to its
+    // priority number; -1 for an unknown name.
+    static int LevelFromName(const std::string& name);
+
+private:
+    LoggerUtils() = default;
+};
+
+}  // namespace SDK
