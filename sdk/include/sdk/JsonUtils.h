@@ -13,7 +13,8 @@ public:
     enum ParseResult { kParseOk = 0, kNotJson = -1, kNotObject = -2, kEmptyInput = -3 };
 
     // Parses `length` bytes of `text` into `root`. 0 on success; -1 when the text is not JSON;
-    // -2 when it is JSON but its root is not an object; -3 for a null or empty input.
+    // -2 when it is JSON but its root is not an object; -3 for a null or empty input. On any
+    // failure `root` is left null.
     static int ParseJsonStr(const char* text, unsigned long length, Json::Value& root);
 
     static std::string GetStringValue(const Json::Value& value, const std::string& key,
