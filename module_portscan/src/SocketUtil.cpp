@@ -1,1 +1,458 @@
-// placeholder: implementation pending
+#include "SocketUtil.h"
+
+#include "IPUtil.h"
+#include "PortScanModule.h"
+#include "sdk/SafeC.h"
+
+#include <arpa/inet.h>
+#include <linux/filter.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <linux/inet_diag.h>
+#include <linux/rtnetlink.h>
+#include <linux/sock_diag.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+namespace Engine {
+
+namespace {
+
+// Immediate attempts for socket creation, binding and interrupted netlink calls.
+constexpr int kRetryTimes = 10;
+// Bytes of an admitted frame that the filter keeps: Ethernet, IPv4 and TCP/UDP headers.
+constexpr unsigned int kSnapLength = 60;
+// Upper bound of frames that one ClearSocketBuff call discards.
+constexpr int kMaxClearedFrames = 301;
+// Shortest frame the parser reads: Ethernet (14), minimal IPv4 (20) and UDP (8) headers.
+constexpr unsigned long kMinFrameLength = 42;
+// Receive buffers of the two netlink conversations.
+constexpr size_t kNetlinkBufferSize = 8192;
+
+// Frame offsets (Ethernet header included).
+constexpr size_t kIhlOffset = 14;
+constexpr size_t kProtocolOffset = 23;
+constexpr size_t kSourceOffset = 26;
+constexpr size_t kDestinationOffset = 30;
+
+sock_filter Statement(uint16_t code, uint32_t constant) {
+    return sock_filter{code, 0, 0, constant};
+}
+
+// Offsets are stored in the 8 bits that classic BPF has for them; the caller keeps them in range.
+sock_filter Jump(uint16_t code, uint32_t constant, size_t jumpTrue, size_t jumpFalse) {
+    return sock_filter{code, static_cast<uint8_t>(jumpTrue), static_cast<uint8_t>(jumpFalse), constant};
+}
+
+uint16_t ReadPort(const char* at) {
+    uint16_t value = 0;
+    memcpy(&value, at, sizeof(value));
+    return ntohs(value);
+}
+
+// The first 32-bit word of a route attribute; a shorter payload reads as far as it goes.
+unsigned int FirstWord(const rtattr* attribute) {
+    unsigned int word = 0;
+    size_t available = RTA_PAYLOAD(attribute);
+    memcpy(&word, RTA_DATA(attribute), available < sizeof(word) ? available : sizeof(word));
+    return word;
+}
+
+}  // namespace
+
+void SocketUtil::CreateRawSocket(int& fd) {
+    for (int left = kRetryTimes; left > 0; --left) {
+        fd = socket(AF_PACKET, SOCK_RAW, htons(ETH_P_IP));
+        if (fd >= 0) {
+            return;
+        }
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] CreateSocket return ERR! Retry (%d) times", left);
+    }
+}
+
+int SocketUtil::BindPort(int fd, std::string interfaceName) {
+    sockaddr_ll address;
+    memset_s(&address, sizeof(address), 0, sizeof(address));
+    address.sll_family = AF_PACKET;
+    address.sll_protocol = htons(ETH_P_ALL);
+    address.sll_ifindex = static_cast<int>(if_nametoindex(interfaceName.c_str()));
+
+    int result = -1;
+    for (int left = kRetryTimes; left > 0; --left) {
+        result = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+        if (result >= 0) {
+            break;
+        }
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] BindPort return ERR! Retry (%d) times", left);
+    }
+    return result;
+}
+
+bool SocketUtil::LoadPortBpfRules(int fd, std::vector<long> ports) {
+    std::vector<unsigned int> addresses;
+    if (!IPUtil::GetLocalhostIp(addresses)) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[SocketUtil] Can not get local ip list.");
+        return false;
+    }
+
+    const size_t n = addresses.size();
+    const size_t p = ports.size();
+    // Jump offsets have 8 bits: past this bound the longest jumps would wrap and the program
+    // would admit or drop the wrong frames, so no program is attached at all.
+    if (p + 2 * n + 10 > 255) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR,
+                     "[SocketUtil] Too many ports or addresses for the filter (ports %z, addresses %z)", p,
+                     n);
+        return false;
+    }
+
+    std::vector<sock_filter> program;
+    program.reserve(2 * n + p + 13);
+    program.push_back(Statement(BPF_LD | BPF_H | BPF_ABS, 12));
+    program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_IP, 0, p + 2 * n + 10));
+    program.push_back(Statement(BPF_LD | BPF_B | BPF_ABS, 23));
+    program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_TCP, 1, 0));
+    program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_UDP, 0, p + 2 * n + 7));
+    program.push_back(Statement(BPF_LD | BPF_H | BPF_ABS, 20));
+    program.push_back(Jump(BPF_JMP | BPF_JSET | BPF_K, 0x1fff, p + 2 * n + 5, 0));
+    program.push_back(Statement(BPF_LDX | BPF_B | BPF_MSH, 14));
+
+    // Destination must be local: a hit jumps past the remaining tests to the source load.
+    program.push_back(Statement(BPF_LD | BPF_W | BPF_ABS, 30));
+    for (size_t i = 0; i < n; ++i) {
+        size_t jumpFalse = (i + 1 == n) ? n + p + 3 : 0;
+        program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, addresses[i], n - 1 - i, jumpFalse));
+    }
+    // Source must not be local: a hit drops.
+    program.push_back(Statement(BPF_LD | BPF_W | BPF_ABS, 26));
+    for (size_t i = 0; i < n; ++i) {
+        program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, addresses[i], n + p + 1 - i, 0));
+    }
+    // Destination port must be watched: a hit jumps to the accept.
+    program.push_back(Statement(BPF_LD | BPF_H | BPF_IND, 16));
+    for (size_t j = 0; j < p; ++j) {
+        size_t jumpFalse = (j + 1 == p) ? 1 : 0;
+        program.push_back(
+            Jump(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(ports[j]), p - 1 - j, jumpFalse));
+    }
+    program.push_back(Statement(BPF_RET | BPF_K, kSnapLength));
+    program.push_back(Statement(BPF_RET | BPF_K, 0));
+
+    sock_fprog filter;
+    filter.len = static_cast<unsigned short>(program.size());
+    filter.filter = program.data();
+    if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter)) != 0) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[SocketUtil] Cant set filter");
+        return false;
+    }
+    return true;
+}
+
+void SocketUtil::ClearSocketBuff(int fd) {
+    pollfd entry;
+    entry.fd = fd;
+    entry.events = POLLIN;
+    entry.revents = 0;
+    char buffer[1000];
+    memset_s(buffer, sizeof(buffer), 0, sizeof(buffer));
+    for (int i = 0; i < kMaxClearedFrames; ++i) {
+        if (poll(&entry, 1, 0) <= 0) {
+            break;
+        }
+        // A one-byte read takes a whole frame off a packet socket.
+        (void)recv(fd, buffer, 1, 0);
+    }
+}
+
+bool SocketUtil::ParsePacket(char* frame, unsigned long length, PacketNode* node) {
+    if (length < kMinFrameLength) {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        PORTSCAN_ROOT_LOG(Poco::Message::PRIO_DEBUG, "[SocketUtil] Incomplete header, packet corrupt.");
+        return false;
+    }
+
+    memcpy(&node->localAddress, frame + kDestinationOffset, sizeof(node->localAddress));
+    memcpy(&node->remoteAddress, frame + kSourceOffset, sizeof(node->remoteAddress));
+
+    const unsigned char protocol = static_cast<unsigned char>(frame[kProtocolOffset]);
+    const size_t transport = kIhlOffset + 4 * (static_cast<unsigned char>(frame[kIhlOffset]) & 0x0f);
+    if (protocol == IPPROTO_TCP) {
+        node->localPort = ReadPort(frame + transport + 2);
+        node->remotePort = ReadPort(frame + transport);
+        node->type = 0;
+        // Copy the 14 header bytes the flag text needs: the frame gives no alignment for tcphdr.
+        tcphdr header;
+        memset_s(&header, sizeof(header), 0, sizeof(header));
+        memcpy(&header, frame + transport, 14);
+        node->flag = GetTcpFlag(&header);
+    } else if (protocol == IPPROTO_UDP) {
+        node->localPort = ReadPort(frame + transport + 2);
+        node->remotePort = ReadPort(frame + transport);
+        node->type = 1;
+        node->flag.clear();
+    } else {
+        PORTSCAN_ROOT_LOG(Poco::Message::PRIO_ERROR, "[SocketUtil] Get unknown protocol packet.");
+        return false;
+    }
+
+    Poco::Logger* logger = PortScan::GetRootLoggerPtr();
+    if (logger != nullptr && logger->is(Poco::Message::PRIO_DEBUG)) {
+        std::string local = inet_ntoa(node->localAddress);
+        std::string remote = inet_ntoa(node->remoteAddress);
+        PORTSCAN_ROOT_LOG(
+            Poco::Message::PRIO_DEBUG,
+            "[SocketUtil] GET PACKET localAddress %s, RemoteAddress %s, LocalPort %d, RemotePort "
+            "%d, type %d, flag is [%s]",
+            local, remote, static_cast<int>(node->localPort), static_cast<int>(node->remotePort), node->type,
+            node->flag);
+    }
+    return true;
+}
+
+std::string SocketUtil::GetTcpFlag(const tcphdr* header) {
+    // Read as bytes: callers may hand in a header at any alignment.
+    const unsigned char flags = reinterpret_cast<const unsigned char*>(header)[13];
+    std::string text;
+    if (flags & 0x02) {
+        text += ",SYN";
+    }
+    if (flags & 0x04) {
+        text += ",RST";
+    }
+    if (flags & 0x08) {
+        text += ",PSH";
+    }
+    if (flags & 0x10) {
+        text += ",ACK";
+    }
+    if (flags & 0x20) {
+        text += ",URG";
+    }
+    if (!text.empty()) {
+        text.erase(0, 1);
+    }
+    return text;
+}
+
+int SocketUtil::SendNetlinkMsg(int fd, sockaddr_nl* address) {
+    struct {
+        nlmsghdr header;
+        rtgenmsg message;
+    } request;
+    memset_s(&request, sizeof(request), 0, sizeof(request));
+    memset_s(address, sizeof(sockaddr_nl), 0, sizeof(sockaddr_nl));
+    address->nl_family = AF_NETLINK;
+    address->nl_pid = 0;
+    address->nl_groups = 0;
+
+    request.header.nlmsg_len = NLMSG_LENGTH(sizeof(rtgenmsg));
+    request.header.nlmsg_type = RTM_GETROUTE;
+    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_ROOT | NLM_F_MATCH;
+    request.header.nlmsg_seq = 1;
+    request.header.nlmsg_pid = static_cast<__u32>(getpid());
+    request.message.rtgen_family = AF_INET;
+
+    iovec vector;
+    vector.iov_base = &request;
+    vector.iov_len = request.header.nlmsg_len;
+    msghdr message;
+    memset_s(&message, sizeof(message), 0, sizeof(message));
+    message.msg_name = address;
+    message.msg_namelen = sizeof(sockaddr_nl);
+    message.msg_iov = &vector;
+    message.msg_iovlen = 1;
+    return static_cast<int>(sendmsg(fd, &message, 0));
+}
+
+bool SocketUtil::RecvNetlinkMsg(int fd, sockaddr_nl* address, std::vector<RouteTable>& table) {
+    // Zeroed tail behind the receive area: a short last message still has a route header to read.
+    alignas(nlmsghdr) char buffer[kNetlinkBufferSize + sizeof(rtmsg)];
+    memset_s(buffer, sizeof(buffer), 0, sizeof(buffer));
+    iovec vector;
+    vector.iov_base = buffer;
+    vector.iov_len = kNetlinkBufferSize;
+    msghdr message;
+    memset_s(&message, sizeof(message), 0, sizeof(message));
+    message.msg_name = address;
+    message.msg_namelen = sizeof(sockaddr_nl);
+    message.msg_iov = &vector;
+    message.msg_iovlen = 1;
+
+    // A failed receive walks the zeroed buffer, whose first length field ends the walk at once.
+    ssize_t received = recvmsg(fd, &message, 0);
+    long remaining = received > 0 ? static_cast<long>(received) : 0;
+
+    const nlmsghdr* header = reinterpret_cast<const nlmsghdr*>(buffer);
+    while (remaining >= static_cast<long>(sizeof(nlmsghdr)) && header->nlmsg_len >= sizeof(nlmsghdr) &&
+           header->nlmsg_len <= static_cast<unsigned long>(remaining)) {
+        char dstText[24];
+        char oifText[16];
+        char gatewayText[24];
+        char metricsText[24];
+        char dstLenText[16];
+        memset_s(dstText, sizeof(dstText), 0, sizeof(dstText));
+        memset_s(oifText, sizeof(oifText), 0, sizeof(oifText));
+        memset_s(gatewayText, sizeof(gatewayText), 0, sizeof(gatewayText));
+        memset_s(metricsText, sizeof(metricsText), 0, sizeof(metricsText));
+        memset_s(dstLenText, sizeof(dstLenText), 0, sizeof(dstLenText));
+
+        const rtmsg* route = reinterpret_cast<const rtmsg*>(NLMSG_DATA(header));
+        const unsigned int step = NLMSG_ALIGN(header->nlmsg_len);
+        if (!(route->rtm_family == AF_INET && route->rtm_table != RT_TABLE_MAIN)) {
+            int attributeLength =
+                static_cast<int>(header->nlmsg_len) - static_cast<int>(NLMSG_LENGTH(sizeof(rtmsg)));
+            const rtattr* attribute = reinterpret_cast<const rtattr*>(reinterpret_cast<const char*>(header) +
+                                                                      NLMSG_LENGTH(sizeof(rtmsg)));
+            for (; RTA_OK(attribute, attributeLength); attribute = RTA_NEXT(attribute, attributeLength)) {
+                switch (attribute->rta_type) {
+                    case RTA_DST:
+                        snprintf_s(dstText, sizeof(dstText), "%u", FirstWord(attribute));
+                        break;
+                    case RTA_OIF:
+                        snprintf_s(oifText, sizeof(oifText), "%u", FirstWord(attribute));
+                        break;
+                    case RTA_GATEWAY:
+                        snprintf_s(gatewayText, sizeof(gatewayText), "%u", FirstWord(attribute));
+                        break;
+                    case RTA_METRICS:
+                        snprintf_s(metricsText, sizeof(metricsText), "%u", FirstWord(attribute));
+                        break;
+                    default:
+                        break;
+                }
+            }
+            snprintf_s(dstLenText, sizeof(dstLenText), "%d", static_cast<int>(route->rtm_dst_len));
+
+            RouteTable record;
+            record.dst = static_cast<unsigned int>(strtol(dstText, nullptr, 10));
+            record.dstLen = static_cast<int>(strtol(dstLenText, nullptr, 10));
+            record.gateway = static_cast<unsigned int>(strtol(gatewayText, nullptr, 10));
+            record.ifIndex = static_cast<int>(strtol(oifText, nullptr, 10));
+            record.metrics = static_cast<int>(strtol(metricsText, nullptr, 10));
+
+            char name[IF_NAMESIZE];
+            memset_s(name, sizeof(name), 0, sizeof(name));
+            if (if_indextoname(static_cast<unsigned int>(record.ifIndex), name) == nullptr) {
+                PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Do action (%s) fail!",
+                             std::string("GetInterfaceName"));
+                break;
+            }
+            record.ifName = name;
+            table.push_back(record);
+        }
+        remaining -= static_cast<long>(step);
+        header = reinterpret_cast<const nlmsghdr*>(reinterpret_cast<const char*>(header) + step);
+    }
+    return true;
+}
+
+bool SocketUtil::SendNetlinkMsgQuery(int sockfd, unsigned short port, int protocol, int msgType) {
+    sockaddr_nl destination;
+    memset_s(&destination, sizeof(destination), 0, sizeof(destination));
+    destination.nl_family = AF_NETLINK;
+
+    struct {
+        nlmsghdr header;
+        inet_diag_req_v2 request;
+    } message;
+    memset_s(&message, sizeof(message), 0, sizeof(message));
+    message.header.nlmsg_len = sizeof(message);
+    message.header.nlmsg_type = static_cast<__u16>(msgType);
+    message.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_ROOT | NLM_F_MATCH;
+    message.request.sdiag_family = AF_INET;
+    message.request.sdiag_protocol = (protocol == 1) ? IPPROTO_UDP : IPPROTO_TCP;
+    // Every state except bit 13 (TCP_BOUND_INACTIVE): with that bit set the kernel answers with
+    // every merely bound socket whatever its port, so one such socket would make every watched
+    // port look taken and hide the scans on them.
+    message.request.idiag_states = 0xFFFFDFFF;
+    message.request.id.idiag_sport = htons(port);
+
+    iovec vector;
+    vector.iov_base = &message;
+    vector.iov_len = sizeof(message);
+    msghdr header;
+    memset_s(&header, sizeof(header), 0, sizeof(header));
+    header.msg_name = &destination;
+    header.msg_namelen = sizeof(destination);
+    header.msg_iov = &vector;
+    header.msg_iovlen = 1;
+
+    for (int attempt = 0; attempt < kRetryTimes; ++attempt) {
+        if (sendmsg(sockfd, &header, 0) >= 0) {
+            return true;
+        }
+        if (errno != EINTR) {
+            PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[SocketUtil] Send netlink msg err!");
+            return false;
+        }
+    }
+    return false;
+}
+
+bool SocketUtil::RecvNetLinkMsgQuery(int sockfd, int& result, int /*protocol*/) {
+    result = 1;
+    alignas(nlmsghdr) char buffer[kNetlinkBufferSize];
+    memset_s(buffer, sizeof(buffer), 0, sizeof(buffer));
+    sockaddr_nl source;
+    memset_s(&source, sizeof(source), 0, sizeof(source));
+    source.nl_family = AF_NETLINK;
+    iovec vector;
+    vector.iov_base = buffer;
+    vector.iov_len = sizeof(buffer);
+    msghdr header;
+    memset_s(&header, sizeof(header), 0, sizeof(header));
+    header.msg_name = &source;
+    header.msg_namelen = sizeof(source);
+    header.msg_iov = &vector;
+    header.msg_iovlen = 1;
+
+    for (int attempt = 0; attempt < kRetryTimes; ++attempt) {
+        ssize_t count = recvmsg(sockfd, &header, 0);
+        if (count < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[SocketUtil] Error in Recv msg in check port");
+            return false;
+        }
+        if (count == 0) {
+            PORTSCAN_LOG(Poco::Message::PRIO_DEBUG, "[SocketUtil] Nothing return in check port");
+            return false;
+        }
+        return CheckHeader(reinterpret_cast<const nlmsghdr*>(buffer), static_cast<int>(count), result);
+    }
+    // Interrupted every time: counted as an answer that found no socket.
+    return true;
+}
+
+bool SocketUtil::CheckHeader(const nlmsghdr* header, int length, int& result) {
+    const unsigned int received = static_cast<unsigned int>(length);
+    if (header == nullptr || received <= 15 || header->nlmsg_len <= 15 || received < header->nlmsg_len) {
+        PORTSCAN_LOG(Poco::Message::PRIO_DEBUG, "[-] Nothing return in check port");
+        return false;
+    }
+    switch (header->nlmsg_type) {
+        case NLMSG_DONE:
+            return true;
+        case NLMSG_ERROR:
+            PORTSCAN_LOG(Poco::Message::PRIO_DEBUG, "[-] NLSMG ERROR");
+            return false;
+        case SOCK_DIAG_BY_FAMILY:
+            result = 0;
+            return true;
+        default:
+            PORTSCAN_LOG(Poco::Message::PRIO_DEBUG, "[-] Unexpected Type");
+            return false;
+    }
+}
+
+}  // namespace Engine
