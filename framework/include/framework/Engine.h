@@ -6,12 +6,25 @@
 
 namespace Framework {
 
+class Message;
 class Module;
 class Policy;
 class Task;
+class TaskPolicy;
 
 // The agent application: registry of modules, tasks and current policies. Exactly one exists per
 // process (Poco::Util::Application::instance() is it); modules reach it through that instance.
+//
+// Policy ownership: every policy a module's callback returns is owned by the Engine from then on.
+// Its code (vtable, destructor) lives in the module's library, so the host tears a module down in
+// this order: module->UnInit() (its tasks stop, its callbacks go), Engine::ReleasePolicies(module)
+// (its policies are destroyed), RemoveModule(module), delete the module, and only then close the
+// library. The Engine's destructor frees the policies still held, so it must run while every
+// module library is still loaded.
+//
+// Threads: DeliverPolicy, RegisterTask, ReleasePolicies, AddModule and RemoveModule are
+// serialised by one lock (re-entered when a policy callback registers a task). FindTask,
+// SendDirectMsg and UnRegisterTask never wait for a delivery, so tasks may call them freely.
 class Engine : public Poco::Util::Application {
 public:
     Engine();
@@ -57,6 +70,17 @@ protected:
     int main(const std::vector<std::string>& args) override;
 
 private:
+    friend class Module;
+    friend class Task;
+    friend class TaskPolicy;
+
+    // Module::RegisterTask: registration remembered as `module`'s (null for the agent's own).
+    bool RegisterTaskFor(Task* task, bool adopt, Module* module);
+    // TaskPolicy::Dispatch: gives `child` and `parent` to the registered task named like `child`.
+    void HandOverTaskPolicy(TaskPolicy* child, Policy* parent);
+    // Task::SendDirectMsg: queues `msg` on the registered task `name`; takes ownership.
+    bool SendMessage(const std::string& name, Message* msg);
+
     struct State;
     State* m_state;
 };

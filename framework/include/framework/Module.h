@@ -2,7 +2,9 @@
 
 #include <Poco/Util/Subsystem.h>
 
+#include <condition_variable>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -18,9 +20,10 @@ class Task;
 //
 // Ownership at the plug-in boundary: the host owns the module and deletes it through its virtual
 // destructor; before that it calls UnInit(), which unregisters (and so stops) every task the module
-// registered. The runtime owns the callbacks the module registers and every policy its callbacks
-// return, and destroys all of them before the host deletes the module, so nothing made by the
-// module's code outlives it; only then may the library be closed.
+// registered and deletes its callbacks, then Engine::ReleasePolicies(module), which destroys every
+// policy the module's callbacks returned (the Engine owns them until then). So nothing made by the
+// module's code outlives the module; only then may the library be closed. Tasks the module
+// registered without adopting them stay the module's to delete, after they are unregistered.
 class Module : public Poco::Util::Subsystem {
 public:
     explicit Module(const std::string& name);
@@ -52,7 +55,9 @@ public:
     // Starts `task` on its own thread (Init, then Run). With `adopt` true the runtime takes over
     // the caller's reference on the task and releases it when the task is unregistered; with
     // false the caller keeps its reference and ownership. False when a task of that name is
-    // registered already or Init() failed.
+    // registered already or Init() failed; nothing is taken then (the caller keeps its reference).
+    // Before Init() the task gets its policy: the child named like the task of its feature-policy
+    // pointer when that is set, else of the current feature policies.
     bool RegisterTask(Task* task, bool adopt);
     // Cancels the task `name`, waits for its Run() to return and calls its UnInit(). Harmless
     // when no such task is registered.
@@ -61,9 +66,14 @@ public:
     Task* FindTask(const std::string& name);
 
 private:
+    // A registered callback and the threads inside it right now, so removal never deletes a
+    // callback that another thread is running.
+    struct CallbackSlot;
+
     std::string m_name;
     mutable std::mutex m_mutex;
-    std::map<std::string, AbstractPolicyCallback*> m_callbacks;
+    std::condition_variable m_callbackDone;  // an invocation returned
+    std::map<std::string, std::shared_ptr<CallbackSlot>> m_callbacks;
     std::vector<std::string> m_taskNames;  // tasks this module registered
 };
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -31,13 +32,14 @@ public:
     const std::string& GetName() const { return m_name; }
     void SetName(const std::string& name) { m_name = name; }
 
-    // Set on the previous policy of a feature key when a newer one replaces it.
-    bool IsReplaced() const { return m_replaced; }
-    void SetReplaced(bool replaced) { m_replaced = replaced; }
+    // Set on the previous policy of a feature key when a newer one replaces it. Atomic because a
+    // task may still be reading the old policy while the delivering thread marks it.
+    bool IsReplaced() const { return m_replaced.load(std::memory_order_acquire); }
+    void SetReplaced(bool replaced) { m_replaced.store(replaced, std::memory_order_release); }
 
 protected:
     std::string m_name;
-    bool m_replaced;  // false at construction
+    std::atomic<bool> m_replaced;  // false at construction
 };
 
 // A policy with child policies, which it owns and destroys.

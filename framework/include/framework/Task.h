@@ -27,6 +27,9 @@ class TaskPolicy;
 // Messages: other tasks send through SendDirectMsg(); EnqueueMsg() queues up to `queueSize`
 // messages; a task that consumes messages takes them with DequeueMsg() in its Run() and passes
 // each to HandleMsg().
+//
+// The runtime calls cancel() with the queue's lock held: an override must not send or take
+// messages of this task.
 class Task : public Poco::Task {
 public:
     // `name` is the registry key; `group` and `type` describe the task in log lines; `queueSize`
@@ -43,7 +46,10 @@ public:
     // Called after Run() has returned. Frees what Init() and Run() set up.
     virtual bool UnInit();
     // The task's work. Must return soon after the task is cancelled (isCancelled() or
-    // state() == TASK_CANCELLING; sleep() returns true early). Default: waits for cancellation.
+    // state() == TASK_CANCELLING; sleep() returns true early). Default: waits for cancellation,
+    // passing any message that arrives meanwhile to HandleMsg(). Every registration gets exactly
+    // one Run(), also when the task is taken down before it starts (or during its start delay):
+    // Run() then finds itself cancelled at once, and the cancellation is never lost.
     virtual int Run();
 
     // Takes ownership of `msg` and queues it. False (and the message deleted, with a warning line)
@@ -85,15 +91,19 @@ public:
 
 protected:
     // Waits up to `timeoutMs` for a message and returns it (the caller owns it), or null on
-    // time-out or when the task is cancelled. With the queue closed and empty, returns null at once.
+    // time-out or when the task is cancelled. Messages already queued are still returned after
+    // cancellation, so a consumer drains what it accepted: null then means the queue is empty.
+    // With the queue closed and empty, returns null at once.
     Message* DequeueMsg(long timeoutMs);
 
 private:
     friend class TaskRunner;
-    // Opens the queue for a new registration / closes it so no message is accepted any more.
+    // Opens the queue for a new registration / closes it so no message is accepted any more
+    // (messages still queued are deleted with a warning line).
     void OpenQueue();
     void CloseQueue();
 
+    // The message queue and the run control that shares its lock (stop request, started flag).
     struct Queue;
     Queue* m_queue;
     std::string m_group;
