@@ -26,6 +26,7 @@ struct NetProcsMessage {
 
 // "netproc_full_task": a cache of this host's TCP and UDP sockets (IPv4 and IPv6), refreshed from
 // the kernel (socket diagnostics over netlink, owners from /proc/<pid>/fd) every refresh period.
+// Sockets without an inode (TIME_WAIT, half-open requests) belong to no program and are left out.
 class NetProcsFullTask : public Framework::Task {
 public:
     using CacheMap = std::map<long, std::shared_ptr<NetProcsMessage::netProcInfo>>;
@@ -43,6 +44,10 @@ public:
     // previous cache is kept).
     bool RefreshNow();
 
+    // Fills the cache once, so it is ready as soon as the task is registered. Always true: a
+    // kernel that cannot be asked leaves the cache empty (with an error line) until a later refresh.
+    bool Init() override;
+    // Refreshes the cache every refresh period until cancelled.
     int Run() override;
 
 private:

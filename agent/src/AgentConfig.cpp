@@ -1,0 +1,275 @@
+#include "AgentConfig.h"
+
+#include "JsonText.h"
+#include "PolicyFile.h"
+
+#include <Poco/Exception.h>
+#include <Poco/File.h>
+#include <Poco/Path.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <initializer_list>
+#include <iterator>
+#include <set>
+#include <stdexcept>
+
+namespace HostAgent {
+
+namespace {
+
+// Thrown inside this file only, with the problem text (key and what is wrong); turned into the
+// result of ParseAgentConfig.
+class ConfigProblem : public std::runtime_error {
+public:
+    explicit ConfigProblem(const std::string& what) : std::runtime_error(what) {}
+};
+
+std::string Quoted(const std::string& text) {
+    return "\"" + text + "\"";
+}
+
+void RejectUnknownKeys(const Json::Value& object, const std::string& where,
+                       std::initializer_list<const char*> known) {
+    for (const std::string& key : object.getMemberNames()) {
+        bool found = false;
+        for (const char* name : known) {
+            found = found || key == name;
+        }
+        if (!found) {
+            throw ConfigProblem("unknown key " + Quoted(where.empty() ? key : where + "." + key));
+        }
+    }
+}
+
+const Json::Value& Expect(const Json::Value& value, Json::ValueType type, const std::string& where,
+                          const char* what) {
+    bool ok = type == Json::intValue ? value.isInt() : value.type() == type;
+    if (!ok) {
+        throw ConfigProblem(Quoted(where) + " must be " + what);
+    }
+    return value;
+}
+
+std::string NonEmptyString(const Json::Value& value, const std::string& where) {
+    std::string text = Expect(value, Json::stringValue, where, "a string").asString();
+    if (text.empty()) {
+        throw ConfigProblem(Quoted(where) + " must not be empty");
+    }
+    return text;
+}
+
+class Resolver {
+public:
+    explicit Resolver(const std::string& folder) : m_folder(Poco::Path::forDirectory(folder)) {}
+    std::string operator()(const std::string& path) const {
+        Poco::Path resolved(m_folder);
+        resolved.resolve(Poco::Path(path));
+        return resolved.toString();
+    }
+
+private:
+    Poco::Path m_folder;
+};
+
+void ParseLog(const Json::Value& log, const Resolver& resolve, SDK::LogSettings& settings) {
+    Expect(log, Json::objectValue, "log", "an object");
+    RejectUnknownKeys(log, "log", {"level", "console", "file"});
+    if (log.isMember("level")) {
+        settings.level = Expect(log["level"], Json::stringValue, "log.level", "a string").asString();
+        if (SDK::LoggerUtils::LevelFromName(settings.level) < 0) {
+            throw ConfigProblem("\"log.level\": unknown level " + Quoted(settings.level) +
+                                " (use error, warning, information or debug)");
+        }
+    }
+    if (log.isMember("console")) {
+        settings.console =
+            Expect(log["console"], Json::booleanValue, "log.console", "true or false").asBool();
+    }
+    if (log.isMember("file")) {
+        std::string file = Expect(log["file"], Json::stringValue, "log.file", "a string").asString();
+        settings.file = file.empty() ? file : resolve(file);
+    }
+}
+
+void ParseConnect(const Json::Value& connect, std::vector<std::string>& endpoints) {
+    Expect(connect, Json::arrayValue, "connect", "an array of \"address:port\" strings");
+    for (Json::ArrayIndex i = 0; i < connect.size(); ++i) {
+        std::string where = "connect[" + std::to_string(i) + "]";
+        std::string endpoint = NonEmptyString(connect[i], where);
+        std::size_t colon = endpoint.rfind(':');
+        std::string port = colon == std::string::npos ? "" : endpoint.substr(colon + 1);
+        bool portOk = !port.empty() && port.size() <= 5 &&
+                      port.find_first_not_of("0123456789") == std::string::npos && std::stoi(port) >= 1 &&
+                      std::stoi(port) <= 65535;
+        if (colon == 0 || !portOk) {
+            throw ConfigProblem(Quoted(where) + ": " + Quoted(endpoint) +
+                                " is not of the form address:port (port 1..65535)");
+        }
+        endpoints.push_back(endpoint);
+    }
+}
+
+void ParseModules(const Json::Value& modules, const Resolver& resolve, std::vector<std::string>& paths) {
+    Expect(modules, Json::arrayValue, "modules", "an array of library paths");
+    std::set<std::string> seen;
+    for (Json::ArrayIndex i = 0; i < modules.size(); ++i) {
+        std::string where = "modules[" + std::to_string(i) + "]";
+        std::string path = resolve(NonEmptyString(modules[i], where));
+        if (!seen.insert(path).second) {
+            throw ConfigProblem(Quoted(where) + ": module " + path + " is listed twice");
+        }
+        paths.push_back(path);
+    }
+}
+
+void ParsePolicies(const Json::Value& policies, const Resolver& resolve, std::vector<PolicySource>& sources) {
+    Expect(policies, Json::objectValue, "policies", "an object of feature key to policy file");
+    for (const std::string& key : policies.getMemberNames()) {
+        if (key.empty()) {
+            throw ConfigProblem("\"policies\": a feature key must not be empty");
+        }
+        sources.push_back(PolicySource{key, resolve(NonEmptyString(policies[key], "policies." + key))});
+    }
+}
+
+void ParseReport(const Json::Value& report, const Resolver& resolve, std::vector<Engine::ReportSink>& sinks) {
+    Expect(report, Json::objectValue, "report", "an object");
+    RejectUnknownKeys(report, "report", {"sinks"});
+    if (!report.isMember("sinks")) {
+        throw ConfigProblem("\"report.sinks\" is missing");
+    }
+    const Json::Value& list = Expect(report["sinks"], Json::arrayValue, "report.sinks", "an array");
+    if (list.empty()) {
+        throw ConfigProblem("\"report.sinks\" must name at least one sink, or alarms would be lost");
+    }
+    std::set<std::string> seen;
+    for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
+        std::string where = "report.sinks[" + std::to_string(i) + "]";
+        const Json::Value& sink = Expect(list[i], Json::objectValue, where, "an object");
+        if (!sink.isMember("type")) {
+            throw ConfigProblem(Quoted(where + ".type") + " is missing (\"stdout\" or \"file\")");
+        }
+        std::string type = Expect(sink["type"], Json::stringValue, where + ".type", "a string").asString();
+        Engine::ReportSink parsed;
+        if (type == "stdout") {
+            RejectUnknownKeys(sink, where, {"type"});
+            parsed.kind = Engine::ReportSink::Kind::Stdout;
+        } else if (type == "file") {
+            RejectUnknownKeys(sink, where, {"type", "path"});
+            if (!sink.isMember("path")) {
+                throw ConfigProblem(Quoted(where + ".path") + " is missing");
+            }
+            parsed.kind = Engine::ReportSink::Kind::File;
+            parsed.path = resolve(NonEmptyString(sink["path"], where + ".path"));
+        } else {
+            throw ConfigProblem(Quoted(where + ".type") + ": unknown sink type " + Quoted(type) +
+                                " (use \"stdout\" or \"file\")");
+        }
+        std::string identity = parsed.kind == Engine::ReportSink::Kind::Stdout ? "stdout" : parsed.path;
+        if (!seen.insert(identity).second) {
+            throw ConfigProblem(Quoted(where) + ": sink " + identity + " is listed twice");
+        }
+        sinks.push_back(parsed);
+    }
+}
+
+}  // namespace
+
+bool ParseAgentConfig(const std::string& path, const std::string& text, AgentConfig& config,
+                      std::string& error) {
+    AgentConfig parsed;
+    Poco::Path file(path);
+    file.makeAbsolute();
+    parsed.file = file.toString();
+    parsed.folder = file.parent().toString();
+    try {
+        Json::Value root;
+        std::string syntax;
+        if (!ParseJsonText(text, true, root, syntax)) {
+            throw ConfigProblem("not valid JSON: " + syntax);
+        }
+        if (!root.isObject()) {
+            throw ConfigProblem("the config must be a JSON object");
+        }
+        RejectUnknownKeys(root, "", {"log", "connect", "cpu_limit_percent", "modules", "policies", "report"});
+        Resolver resolve(parsed.folder);
+        if (root.isMember("log")) {
+            ParseLog(root["log"], resolve, parsed.log);
+        }
+        if (root.isMember("connect")) {
+            ParseConnect(root["connect"], parsed.connect);
+        }
+        if (root.isMember("cpu_limit_percent")) {
+            parsed.cpuLimitPercent =
+                Expect(root["cpu_limit_percent"], Json::intValue, "cpu_limit_percent", "an integer 0..100")
+                    .asInt();
+            if (parsed.cpuLimitPercent < 0 || parsed.cpuLimitPercent > 100) {
+                throw ConfigProblem("\"cpu_limit_percent\" must be an integer 0..100, not " +
+                                    std::to_string(parsed.cpuLimitPercent));
+            }
+        }
+        if (root.isMember("modules")) {
+            ParseModules(root["modules"], resolve, parsed.modules);
+        }
+        if (root.isMember("policies")) {
+            ParsePolicies(root["policies"], resolve, parsed.policies);
+        }
+        if (root.isMember("report")) {
+            ParseReport(root["report"], resolve, parsed.sinks);
+        } else {
+            parsed.sinks.push_back(Engine::ReportSink{});
+        }
+    } catch (const ConfigProblem& problem) {
+        error = parsed.file + ": " + problem.what();
+        return false;
+    }
+    config = parsed;
+    return true;
+}
+
+bool LoadAgentConfig(const std::string& path, AgentConfig& config, std::string& error) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        error = path + ": cannot read the config file: " + std::strerror(errno);
+        return false;
+    }
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return ParseAgentConfig(path, text, config, error);
+}
+
+bool CheckModuleFiles(const AgentConfig& config, std::string& error) {
+    for (const std::string& module : config.modules) {
+        try {
+            Poco::File file(module);
+            if (!file.exists()) {
+                error = config.file + ": module file " + module + " does not exist";
+                return false;
+            }
+            if (!file.isFile()) {
+                error = config.file + ": module file " + module + " is not a regular file";
+                return false;
+            }
+        } catch (const Poco::Exception& e) {
+            error = config.file + ": module file " + module + ": " + e.displayText();
+            return false;
+        }
+    }
+    return true;
+}
+
+bool CheckPolicyFiles(const AgentConfig& config, std::string& error) {
+    for (const PolicySource& source : config.policies) {
+        std::string text;
+        std::string problem;
+        if (!ReadPolicyFile(source.path, text, problem) || !CheckPolicyText(text, problem)) {
+            error = source.path + ": " + problem + " (policy file of key " + Quoted(source.key) + " in " +
+                    config.file + ")";
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace HostAgent

@@ -1,0 +1,111 @@
+#include "ModuleHost.h"
+
+#include "AgentLog.h"
+#include "framework/Engine.h"
+#include "framework/Module.h"
+
+#include <dlfcn.h>
+
+#include <exception>
+
+namespace HostAgent {
+
+namespace {
+
+using ModuleFactory = Framework::Module* (*)();
+
+const char* const kFactoryName = "CreateModule";
+
+std::string LastDlError() {
+    const char* text = dlerror();
+    return text != nullptr ? text : "unknown error";
+}
+
+}  // namespace
+
+ModuleHost::ModuleHost(Framework::Engine& engine) : m_engine(engine) {}
+
+ModuleHost::~ModuleHost() {
+    StopAll();
+    CloseLibraries();
+}
+
+bool ModuleHost::Load(const std::string& path, std::string& error) {
+    dlerror();
+    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) {
+        error = "cannot load module " + path + ": " + LastDlError();
+        return false;
+    }
+    void* symbol = dlsym(handle, kFactoryName);
+    if (symbol == nullptr) {
+        error = "module " + path + " has no " + kFactoryName + ": " + LastDlError();
+        dlclose(handle);  // nothing of the library ran yet
+        return false;
+    }
+    Framework::Module* module = nullptr;
+    try {
+        module = reinterpret_cast<ModuleFactory>(symbol)();
+    } catch (const std::exception& e) {
+        error = "module " + path + ": " + kFactoryName + " failed: " + e.what();
+    }
+    if (module == nullptr) {
+        if (error.empty()) {
+            error = "module " + path + ": " + kFactoryName + " returned no module";
+        }
+        dlclose(handle);
+        return false;
+    }
+
+    m_loaded.push_back(Loaded{path, handle, module});
+    Loaded& loaded = m_loaded.back();
+    m_engine.AddModule(module);
+    int result = module->Init();
+    if (result != 0) {
+        error = "module " + path + " (" + module->name() + "): Init failed with " + std::to_string(result);
+        Stop(loaded);
+        return false;
+    }
+    AGENT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] Module %s loaded from %s",
+              std::string(module->name()), path);
+    return true;
+}
+
+void ModuleHost::Stop(Loaded& loaded) {
+    if (loaded.module == nullptr) {
+        return;
+    }
+    std::string name = loaded.module->name();
+    AGENT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] Stopping module %s", name);
+    loaded.module->UnInit();
+    m_engine.ReleasePolicies(loaded.module);
+    m_engine.RemoveModule(loaded.module);
+    delete loaded.module;
+    loaded.module = nullptr;
+}
+
+void ModuleHost::StopAll() {
+    for (auto it = m_loaded.rbegin(); it != m_loaded.rend(); ++it) {
+        Stop(*it);
+    }
+}
+
+void ModuleHost::CloseLibraries() {
+    StopAll();
+    for (auto it = m_loaded.rbegin(); it != m_loaded.rend(); ++it) {
+        if (dlclose(it->handle) != 0) {
+            AGENT_LOG(Poco::Message::PRIO_WARNING, "[Agent] Closing %s failed: %s", it->path, LastDlError());
+        }
+    }
+    m_loaded.clear();
+}
+
+std::size_t ModuleHost::GetRunningCount() const {
+    std::size_t running = 0;
+    for (const Loaded& loaded : m_loaded) {
+        running += loaded.module != nullptr ? 1 : 0;
+    }
+    return running;
+}
+
+}  // namespace HostAgent

@@ -1,0 +1,81 @@
+#include "PolicyFeed.h"
+
+#include "AgentLog.h"
+#include "PolicyFile.h"
+
+#include <Poco/Path.h>
+
+namespace HostAgent {
+
+PolicyFeed::PolicyFeed(const std::vector<PolicySource>& sources, DeliverFunction deliver)
+    : m_deliver(std::move(deliver)) {
+    for (const PolicySource& source : sources) {
+        Entry entry;
+        entry.source = source;
+        m_entries.push_back(entry);
+    }
+}
+
+std::size_t PolicyFeed::Poll() {
+    return Visit(false);
+}
+
+std::size_t PolicyFeed::DeliverAll() {
+    return Visit(true);
+}
+
+void PolicyFeed::Stop() {
+    m_stopped = true;
+}
+
+std::size_t PolicyFeed::Visit(bool force) {
+    std::size_t delivered = 0;
+    for (Entry& entry : m_entries) {
+        if (m_stopped) {
+            break;
+        }
+        if (VisitEntry(entry, force)) {
+            ++delivered;
+        }
+    }
+    return delivered;
+}
+
+bool PolicyFeed::VisitEntry(Entry& entry, bool force) {
+    const std::string& key = entry.source.key;
+    const std::string& path = entry.source.path;
+    std::string text;
+    std::string problem;
+    if (!ReadPolicyFile(path, text, problem)) {
+        if (problem != entry.problem) {
+            AGENT_LOG(Poco::Message::PRIO_ERROR,
+                      "[Policy] Cannot read policy file %s (key %s): %s; trying again", path, key, problem);
+            entry.problem = problem;
+        }
+        return false;
+    }
+    if (!entry.problem.empty()) {
+        AGENT_LOG(Poco::Message::PRIO_INFORMATION, "[Policy] Policy file %s is readable again", path);
+        entry.problem.clear();
+    }
+    if (!force && entry.handled && text == entry.lastText) {
+        return false;
+    }
+    entry.handled = true;
+    entry.lastText = text;
+    if (!CheckPolicyText(text, problem)) {
+        AGENT_LOG(Poco::Message::PRIO_ERROR, "[Policy] Policy file %s (key %s) not delivered: %s", path, key,
+                  problem);
+        return false;
+    }
+    std::string name = Poco::Path(path).getFileName();
+    if (!m_deliver(key, name, text)) {
+        AGENT_LOG(Poco::Message::PRIO_WARNING, "[Policy] No module serves policy key %s (file %s)", key,
+                  path);
+        return false;
+    }
+    AGENT_LOG(Poco::Message::PRIO_INFORMATION, "[Policy] Delivered %s under key %s", path, key);
+    return true;
+}
+
+}  // namespace HostAgent
