@@ -30,8 +30,10 @@ Signals:
                        before the agent exits with status 0
 
 Files:
-  policy files         looked at every second; a changed file is delivered again, a file that
-                       cannot be read or is not a JSON object is logged and retried
+  policy files         looked at every second; a changed file is delivered again; a file that
+                       cannot be read is logged and retried; one that is not a JSON object is
+                       delivered with a warning (the module reports its errors; --check-config
+                       refuses it)
   alarm files          JSON lines, appended, flushed per event; folders are created
   log file             folders are created
 

@@ -64,9 +64,10 @@ bool PolicyFeed::VisitEntry(Entry& entry, bool force) {
     entry.handled = true;
     entry.lastText = text;
     if (!CheckPolicyText(text, problem)) {
-        AGENT_LOG(Poco::Message::PRIO_ERROR, "[Policy] Policy file %s (key %s) not delivered: %s", path, key,
-                  problem);
-        return false;
+        // The module owns its policy's syntax: it reports the error and takes its own safe course.
+        AGENT_LOG(Poco::Message::PRIO_WARNING,
+                  "[Policy] Policy file %s (key %s) is malformed (%s); delivering it, the module decides",
+                  path, key, problem);
     }
     std::string name = Poco::Path(path).getFileName();
     if (!m_deliver(key, name, text)) {

@@ -10,8 +10,9 @@ namespace HostAgent {
 
 // Hands the policy files to the runtime and follows them: a file whose content changed is
 // delivered again at the next Poll(); DeliverAll() delivers every file again (SIGHUP). A file that
-// cannot be read, or is not a JSON object, is logged (once until its state changes) and not
-// delivered, so the previous policy stays in force; it is looked at again at the next Poll().
+// cannot be read is logged (once until its state changes) and not delivered, so the previous
+// policy stays in force; it is looked at again at the next Poll(). A file that is not a JSON object
+// is delivered all the same, with a warning: the module reports and handles its own syntax errors.
 // Not thread-safe: one thread (the agent's control loop) drives it.
 class PolicyFeed {
 public:
@@ -24,7 +25,7 @@ public:
     // Delivers every file that was not delivered yet or whose content differs from the last
     // delivery. Returns how many were delivered.
     std::size_t Poll();
-    // Delivers every readable, well-formed file, changed or not. Returns how many were delivered.
+    // Delivers every readable file, changed or not. Returns how many were delivered.
     std::size_t DeliverAll();
     // Ends the feed: later calls deliver nothing.
     void Stop();
@@ -32,8 +33,8 @@ public:
 private:
     struct Entry {
         PolicySource source;
-        bool handled = false;  // `lastText` was delivered or refused as malformed
-        std::string lastText;  // content at the last delivery or refusal
+        bool handled = false;  // `lastText` was delivered
+        std::string lastText;  // content at the last delivery
         std::string problem;   // why the file could not be read; "" when it could
     };
 

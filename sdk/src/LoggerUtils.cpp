@@ -278,6 +278,11 @@ Poco::Logger* LoggerUtils::GetModuleLogger(const std::string& name, bool separat
             // "" is POCO's root logger; it keeps the common channel.
             return &Poco::Logger::root();
         }
+        const auto known = state.modules.find(name);
+        if (known != state.modules.end() && known->second.separateFile == separateFile) {
+            // Set up already, and Configure keeps it in step: a lookup changes nothing.
+            return &Poco::Logger::get(name);
+        }
         ModuleEntry& entry = state.modules[name];
         entry.separateFile = separateFile;
         moduleError = AttachModule(state, name, entry);

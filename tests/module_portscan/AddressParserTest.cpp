@@ -1,0 +1,222 @@
+// Address arithmetic, white lists, the packet parser and the netlink reply check, table by table.
+// Rows are traced by their index.
+
+#include "IPUtil.h"
+#include "SocketUtil.h"
+#include "framework/ConfigManager.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <linux/sock_diag.h>
+
+#include <chrono>
+#include <string>
+#include <tuple>
+#include <vector>
+
+using Engine::IPUtil;
+
+namespace {
+
+const std::string kZeros(32, '0');
+const std::string kOnes(32, 'f');
+
+unsigned int Host(const char* dotted) {
+    return ntohl(inet_addr(dotted));  // "255.255.255.255" is inet_addr's error value, all ones as well
+}
+
+TEST(PortScanAddress, TransforIp) {
+    // text, first and last address of the block; null: refused.
+    const char* const cases[][3] = {
+        {"10.1.2.3/8", "10.0.0.0", "10.255.255.255"},
+        {"10.1.2.3/32", "10.1.2.3", "10.1.2.3"},
+        {"10.1.2.3/255.255.255.255", "10.1.2.3", "10.1.2.3"},
+        {"10.1.2.3/255.0.255.0", "10.0.0.0", "10.255.255.255"},  // leading ones only: /8
+        {"\t 192.168.7.9/24 ", "192.168.7.0", "192.168.7.255"},
+        {"0.0.0.0/0", "0.0.0.1", "255.255.255.255"},  // a /0 block starts at 1
+        {"255.255.255.255", nullptr, nullptr},
+        {"10.0.0.1/33", nullptr, nullptr},
+        {"10.0.0.1/abc", nullptr, nullptr},
+    };
+    for (const auto& c : cases) {
+        for (int end : {1, 2}) {
+            SCOPED_TRACE(std::string(c[0]) + (end == 1 ? " start" : " end"));
+            unsigned int value = 7;
+            EXPECT_EQ(c[end] != nullptr, IPUtil::transfor_ip(c[0], end == 1, &value));
+            EXPECT_EQ(c[end] != nullptr ? Host(c[end]) : 7u, value);
+        }
+    }
+}
+
+TEST(PortScanAddress, TransforIp6) {
+    // text, first and last address; "": refused.
+    const std::string cases[][3] = {
+        {"::1", kZeros.substr(1) + "1", kZeros.substr(1) + "1"},
+        {"2001:db8::/32", "20010db8" + kZeros.substr(8), "20010db8" + kOnes.substr(8)},
+        {"::/0", "", kOnes},
+        {"2001:db8::/129", "", ""},
+        {"2001:db8::/-1", "", ""},
+    };
+    for (const auto& c : cases) {
+        for (int end : {1, 2}) {
+            SCOPED_TRACE(c[0] + (end == 1 ? " start" : " end"));
+            std::string value = "untouched";
+            EXPECT_EQ(!c[end].empty(), Engine::transfor_ip6(c[0].c_str(), end == 1, value));
+            EXPECT_EQ(c[end].empty() ? "untouched" : c[end], value);
+        }
+    }
+    EXPECT_EQ(1, Engine::ascii_to_hex('G'));  // any non-digit counts as 1
+}
+
+TEST(PortScanWhiteList, ParseAndMatch) {
+    struct Case {
+        const char* list;
+        std::vector<std::pair<unsigned int, unsigned int>> ranges;
+        const char* probe;
+        bool white;
+    };
+    const Case cases[] = {
+        {"10.0.0.1, 192.168.0.0/16 ,172.16.1.1-172.16.1.9",
+         {{Host("10.0.0.1"), Host("10.0.0.1")},
+          {Host("192.168.0.0"), Host("192.168.255.255")},
+          {Host("172.16.1.1"), Host("172.16.1.9")}},
+         "172.16.1.9",
+         true},
+        {"all", {{0u, 0xFFFFFFFFu}}, "0.0.0.0", true},
+        {"all", {{0u, 0xFFFFFFFFu}}, "255.255.255.255", false},
+        {"ALL", {}, "10.0.0.1", false},
+        {"any", {}, "10.0.0.1", false},
+        {",,,", {}, "10.0.0.1", false},
+        {"10.0.0.9-10.0.0.1", {{Host("10.0.0.9"), Host("10.0.0.1")}}, "10.0.0.5", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        std::vector<Engine::IP_RANGE> ranges{{1, 2}};
+        EXPECT_EQ(!c.ranges.empty(), IPUtil::parse_ip_ranges(c.list, ranges));
+        std::vector<std::pair<unsigned int, unsigned int>> parsed;
+        for (const auto& range : ranges) {
+            parsed.emplace_back(range.start, range.end);
+        }
+        EXPECT_EQ(c.ranges, parsed);
+        EXPECT_EQ(c.white, IPUtil::IsWhiteIpList(c.probe, ranges));
+    }
+    std::vector<Engine::IP6_RANGE> ranges6;
+    ASSERT_TRUE(IPUtil::parse_ip6_ranges("fe80::/64", ranges6));
+    ASSERT_EQ(1u, ranges6.size());
+    EXPECT_EQ("fe80" + kZeros.substr(4), ranges6[0].start);
+    EXPECT_EQ("fe80000000000000" + kOnes.substr(16), ranges6[0].end);
+}
+
+// Ethernet + IPv4 (ihl words, options as NOPs) + a TCP, UDP or ICMP header, 10.0.0.5:40000 ->
+// 10.0.0.1:8080.
+std::vector<char> Frame(int protocol, int ihl, int flags) {
+    std::vector<char> frame(14 + 4 * ihl + (protocol == IPPROTO_TCP ? 20 : 8), 1);
+    frame[14] = static_cast<char>(0x40 | ihl);
+    frame[23] = static_cast<char>(protocol);
+    const in_addr_t addresses[] = {inet_addr("10.0.0.5"), inet_addr("10.0.0.1")};
+    memcpy(&frame[26], addresses, 8);
+    const uint16_t ports[] = {htons(40000), htons(8080)};
+    memcpy(&frame[14 + 4 * ihl], ports, 4);
+    if (protocol == IPPROTO_TCP) {
+        frame[14 + 4 * ihl + 13] = static_cast<char>(flags);
+    }
+    return frame;
+}
+
+TEST(PortScanParser, FramesTable) {
+    struct Case {
+        int protocol, ihl, flags, type;  // type -1: refused
+        const char* flag;
+    };
+    const Case cases[] = {
+        {IPPROTO_TCP, 5, 0x02, 0, "SYN"},
+        {IPPROTO_TCP, 5, 0x04, 0, "RST"},
+        {IPPROTO_TCP, 5, 0x08, 0, "PSH"},
+        {IPPROTO_TCP, 5, 0x10, 0, "ACK"},
+        {IPPROTO_TCP, 5, 0x20, 0, "URG"},
+        {IPPROTO_TCP, 5, 0x01, 0, ""},  // FIN is never named
+        {IPPROTO_TCP, 5, 0x3F, 0, "SYN,RST,PSH,ACK,URG"},
+        {IPPROTO_TCP, 6, 0x12, 0, "SYN,ACK"},  // options move the ports
+        {IPPROTO_TCP, 15, 0x02, 0, "SYN"},
+        {IPPROTO_UDP, 5, 0, 1, ""},  // 42 bytes, the shortest frame read; clears a reused flag
+        {IPPROTO_ICMP, 5, 0, -1, "old"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        std::vector<char> frame = Frame(c.protocol, c.ihl, c.flags);
+        Engine::PacketNode node{{0}, 9, {0}, 0, 9, "old"};  // a reused record
+        EXPECT_EQ(c.type >= 0, Engine::SocketUtil::ParsePacket(frame.data(), frame.size(), &node));
+        // The addresses are written before the protocol is looked at.
+        EXPECT_EQ(std::make_tuple(inet_addr("10.0.0.1"), inet_addr("10.0.0.5")),
+                  std::make_tuple(node.localAddress.s_addr, node.remoteAddress.s_addr));
+        const bool ok = c.type >= 0;
+        EXPECT_EQ(std::make_tuple(ok ? 8080 : 9, ok ? 40000 : 0, ok ? c.type : 9, std::string(c.flag)),
+                  std::make_tuple(int(node.localPort), int(node.remotePort), node.type, node.flag));
+    }
+}
+
+TEST(PortScanParser, OneByteShortIsRefusedAfterAPause) {
+    std::vector<char> frame = Frame(IPPROTO_UDP, 5, 0);
+    Engine::PacketNode node{};
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_FALSE(Engine::SocketUtil::ParsePacket(frame.data(), 41, &node));
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(950));
+    EXPECT_EQ(0u, node.localAddress.s_addr);
+}
+
+TEST(PortScanNetlink, CheckHeader) {
+    // nlmsg_len, nlmsg_type, bytes received, result, the result variable after (from 7)
+    const int cases[][5] = {
+        {16, NLMSG_DONE, 16, 1, 7},
+        {16, NLMSG_DONE, 15, 0, 7},
+        {15, NLMSG_DONE, 16, 0, 7},
+        {40, SOCK_DIAG_BY_FAMILY, 32, 0, 7},
+        {88, SOCK_DIAG_BY_FAMILY, 200, 1, 0},
+        {36, NLMSG_ERROR, 36, 0, 7},
+        {16, 99, 16, 0, 7},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        nlmsghdr header{static_cast<__u32>(c[0]), static_cast<__u16>(c[1]), 0, 0, 0};
+        int result = 7;
+        EXPECT_EQ(c[3] == 1, Engine::SocketUtil::CheckHeader(&header, c[2], result));
+        EXPECT_EQ(c[4], result);
+    }
+}
+
+TEST(PortScanLocalAddress, EdgeRows) {
+    const std::tuple<const char*, const char*, int, bool> nets[] = {
+        {"10.231.0.7", "10.231.0.0", 24, true}, {"10.231.1.7", "10.231.0.0", 24, false},
+        {"10.1.2.3", "10.1.2.3", 0, true},      {"10.1.2.4", "10.1.2.3", 0, false},  // /0: equal only
+        {"10.1.2.3", "10.1.2.3", 33, false},
+    };
+    for (const auto& [ip, net, prefix, in] : nets) {
+        EXPECT_EQ(in, IPUtil::CheckIpNet(inet_addr(ip), inet_addr(net), prefix)) << ip << " " << net;
+    }
+    const std::pair<const char*, bool> intra[] = {{"10.255.255.255", true}, {"172.15.255.255", false},
+                                                  {"172.31.255.255", true}, {"172.32.0.0", false},
+                                                  {"192.168.0.0", true},    {"192.169.0.0", false}};
+    for (const auto& [ip, yes] : intra) {
+        EXPECT_EQ(yes, IPUtil::IsIntraIpList(in_addr{inet_addr(ip)})) << ip;
+    }
+    const std::pair<const char*, bool> loopback[] = {
+        {"::1", true}, {"127.0.0.1", true}, {"localhost", false}, {"127.0.0.2", false}};
+    for (const auto& [text, yes] : loopback) {
+        EXPECT_EQ(yes, IPUtil::is_localhost_ip(text)) << text;
+    }
+
+    const std::tuple<std::vector<std::string>, bool, std::vector<unsigned int>> masters[] = {
+        {{"10.0.0.5:443", "manager.example:443"}, false, {0x0A000005u}},
+        {{"10.0.0.300:80"}, true, {Host("10.0.1.44")}},  // octets above 255 spill over
+    };
+    auto* config = Framework::ConfigManager::GetInstance();
+    for (const auto& [endpoints, ok, expected] : masters) {
+        config->SetConnectConfig(endpoints);
+        std::vector<unsigned int> list;
+        EXPECT_EQ(ok, IPUtil::GetMasterIpList(list)) << endpoints[0];
+        EXPECT_EQ(expected, list) << endpoints[0];
+    }
+    config->SetConnectConfig({});
+}
+
+}  // namespace

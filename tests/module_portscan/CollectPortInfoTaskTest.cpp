@@ -1,0 +1,432 @@
+// The collection task: records, the minute tick and its thirty-tick schedule, freezing and release,
+// the packet and error budgets, the monitor-list state machine, alarm documents and the port dump.
+// The clock is the test's; the loop runs on a thread of its own only where the schedule is checked.
+
+#include "CollectPortInfoTask.h"
+#include "PortScanModule.h"
+#include "PortScanPolicy.h"
+#include "framework/Message.h"
+#include "sdk/JsonUtils.h"
+#include "sdk/TimeUtils.h"
+#include "support/LogCapture.h"
+#include "support/TestEngine.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Logger.h>
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <future>
+#include <thread>
+#include <tuple>
+
+namespace Engine {
+
+// Friend of the task: the private state the tests read and set.
+class CollectPortInfoTaskPeer {
+public:
+    explicit CollectPortInfoTaskPeer(CollectPortInfoTask& task) : t(task) {}
+    std::map<unsigned int, long>& BanPortMap() { return t.m_banPortMap; }
+    std::set<PortInfoNode>& PortSet() { return t.m_portSet; }
+    std::map<unsigned int, long>& LogLimitPortMap() { return t.m_logLimitPortMap; }
+    bool& SocketReady() { return t.m_socketReady; }
+    MONITOR_LIST_STATUS& MonitorStatus() { return t.m_monitorStatus; }
+    CollectPortInfoTask::NetCacheMap& NetCache() { return t.m_netCacheMap; }
+    int& SockFd() { return t.m_sockFd; }
+    int& EpollFd() { return t.m_epollFd; }
+
+private:
+    CollectPortInfoTask& t;
+};
+
+}  // namespace Engine
+
+namespace {
+
+using namespace Engine;
+
+constexpr long kStart = 1700000000;
+const char* const kPolicyHeader = "-------------------------Print Policy Port-------------------------";
+const char* const kBanHeader = "-------------------------Print Ban Port-------------------------";
+const char* const kEndHeader = "-------------------------End of Port info-------------------------";
+const char* const kStateFive = "[PortScan] Check monitor status err! Cur stat is (5)";
+const char* const kOffered = "[PortScan] Chk before alarm is disable!";
+
+struct FakeClock : SDK::ClockSource {
+    long NowSeconds() override { return now.load(); }
+    std::atomic<long> now{kStart};
+};
+
+// Stands in for a task looked up by name; keeps the type and body of every data message sent to it
+// (sent from the test's own thread).
+struct StandIn : Framework::Task {
+    explicit StandIn(const char* name) : Framework::Task(name, "test", 0, 64) {}
+    bool EnqueueMsg(Framework::Message* msg) override {
+        const auto* data = dynamic_cast<Framework::DataMessage*>(msg);
+        received.emplace_back(msg->GetType(), data != nullptr ? data->GetBody() : "");
+        delete msg;
+        return true;
+    }
+    std::vector<std::pair<std::string, std::string>> received;
+};
+
+// Takes its peer filter from the test instead of the network-process cache.
+struct TestTask : CollectPortInfoTask {
+    bool BuildPortRemoteIpMap(std::map<unsigned short, std::string>& map) override {
+        map = peers;
+        return true;
+    }
+    std::map<unsigned short, std::string> peers;
+};
+
+// Polls `done` every millisecond for up to ten seconds; its last answer.
+bool Poll(const std::function<bool()>& done) {
+    for (int i = 0; i < 10000 && !done(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return done();
+}
+
+AlarmInfo Entry(const char* remote, int alarmType, const char* protocol = "TCP", const char* flag = "SYN") {
+    return AlarmInfo{protocol, remote, "10.0.0.1", 40000, flag, alarmType};
+}
+
+Json::Value Parse(const std::string& text) {
+    Json::Value root;
+    EXPECT_EQ(0, SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), root)) << text;
+    return root;
+}
+
+PortInfoNode Alarmed(uint32_t port, uint32_t type, int32_t alarmNum, const std::vector<AlarmInfo>& entries) {
+    PortInfoNode node(port, type);
+    node.alarmNum = alarmNum;
+    node.alarmInfos = entries;
+    return node;
+}
+
+class CollectTaskTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_log = &TestSupport::CaptureLogs({"portscan_module"}, "debug");
+        // The module looks its logger up on first use, which hands it the common channel again.
+        PortScan::GetLoggerPtr()->setChannel(Poco::AutoPtr<Poco::Channel>(m_log, true));
+        SDK::TimeUtils::SetClockSource(m_clock);
+        // The classifiers read the policy of "port_scan_task"; alarms go to "data_comm_report_task".
+        ASSERT_TRUE(TestSupport::TestEngine().RegisterTask(m_scan.get(), false));
+        ASSERT_TRUE(TestSupport::TestEngine().RegisterTask(m_report.get(), false));
+        ASSERT_TRUE(m_task.Init());
+    }
+    void TearDown() override {
+        if (m_run.valid()) {  // the loop ends once cancelled
+            m_task.cancel();
+            m_run.get();
+        }
+        TestSupport::TestEngine().UnRegisterTask("data_comm_report_task");
+        TestSupport::TestEngine().UnRegisterTask("port_scan_task");
+        m_task.UnInit();
+        SDK::TimeUtils::SetClockSource(nullptr);
+    }
+    void UsePolicy(const std::string& monitorList, const std::string& extra = "") {
+        m_policies.emplace_back(new PortScanTaskPolicy("port_scan_task"));
+        const std::string json =
+            R"({"monitor_list":)" + monitorList + R"(,"task_condition":{})" + extra + "}";
+        EXPECT_TRUE(m_policies.back()->Parse(json)) << json;
+        m_task.SetTaskPolicy(m_policies.back().get());
+        m_scan->SetTaskPolicy(m_policies.back().get());
+    }
+    void MarkInUse(unsigned int port, unsigned int protocol) {
+        auto info = std::make_shared<NetProcsMessage::netProcInfo>();
+        info->localPort = port;
+        info->protocol = protocol;
+        Peer().NetCache()[static_cast<long>(Peer().NetCache().size() + 1)] = info;
+    }
+    CollectPortInfoTaskPeer Peer() { return CollectPortInfoTaskPeer(m_task); }
+    bool RunEnded() { return m_run.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
+    // The documents sent for reporting, each without its fresh identifier once that is checked.
+    std::vector<Json::Value> Documents() {
+        std::vector<Json::Value> documents;
+        for (const auto& message : m_report->received) {
+            EXPECT_EQ("2", message.first);
+            documents.push_back(Parse(message.second));
+            Json::Value id;
+            EXPECT_TRUE(documents.back().removeMember("event_id", &id));
+            EXPECT_TRUE(id.isString() && id.asString().size() == 36) << id;
+        }
+        return documents;
+    }
+
+    TestSupport::RecordingChannel* m_log = nullptr;
+    std::shared_ptr<FakeClock> m_clock = std::make_shared<FakeClock>();
+    Poco::AutoPtr<StandIn> m_scan = new StandIn("port_scan_task");
+    Poco::AutoPtr<StandIn> m_report = new StandIn("data_comm_report_task");
+    std::vector<std::unique_ptr<PortScanTaskPolicy>> m_policies;
+    TestTask m_task;
+    std::future<int> m_run;  // the loop, when a test runs it on a thread of its own
+};
+
+TEST(PortInfoNodeTest, SetSearchMissesAPresentRecordAndCopiesDropAuxValue) {
+    std::set<PortInfoNode> set = {PortInfoNode(443, 0)};
+    set.insert(PortInfoNode(80, 1));
+    ASSERT_EQ(2u, set.size());
+    EXPECT_EQ(set.end(), set.find(PortInfoNode(80, 1)));  // present all the same
+
+    PortInfoNode source(443, 1);
+    source.alarmNum = 3;
+    source.auxValue = 5;
+    const PortInfoNode copy(source);
+    EXPECT_EQ(0u, copy.auxValue);
+    EXPECT_EQ(3, copy.alarmNum);
+}
+
+// Ticks 0, 30 and 60 release frozen ports, rebuild the list and reset the counters; a port frozen at
+// kStart is still frozen at 23 h 59 min (tick 30) and after a day at tick 31, and gone at tick 60.
+TEST_F(CollectTaskTest, MinuteTickRunsTheThirtyTickScheduleAndReleasesAfterADay) {
+    UsePolicy("[]");
+    m_task.FreezePort(8080);
+    // No network-process task: the rebuild fails and leaves state 5, whose line and 10 ms pause pace
+    // every pass of the loop.
+    Peer().MonitorStatus() = static_cast<MONITOR_LIST_STATUS>(5);
+    m_log->Clear();
+    m_run = std::async(std::launch::async, [this] { return m_task.Run(); });
+    long now = kStart - 181;
+    for (int tick = 0; tick <= 60; ++tick) {
+        SCOPED_TRACE(tick);
+        if (tick == 1) {
+            for (long offset : {60L, -60L}) {  // a minute either way is no tick yet
+                m_log->Clear();
+                m_clock->now = kStart + offset;
+                ASSERT_TRUE(Poll([this] { return m_log->Count(kStateFive) >= 3; }));
+                EXPECT_EQ(0u, m_log->Count(kEndHeader));
+            }
+        }
+        if (tick > 0) {
+            // Tick 1 comes with the clock set back by two minutes.
+            now = tick == 30 ? kStart + 86340 : (tick == 31 ? kStart + 86401 : now + 61);
+            m_log->Clear();
+            m_clock->now = now;
+        }
+        ASSERT_TRUE(Poll([this] {  // the tick is done and its pass has gone on to the state machine
+            const std::vector<std::string> texts = m_log->Texts();
+            return std::count(texts.begin(), texts.end(), kEndHeader) == 1 && texts.back() == kStateFive;
+        }));
+        for (const char* line : {"[PortScan] Free baned port.", "[PortScan] Generate monitor port.",
+                                 "[PortScan] Refresh policy port list."}) {
+            EXPECT_EQ(tick % 30 == 0 ? 1u : 0u, m_log->Count(line)) << line;
+        }
+        EXPECT_EQ(tick < 60 ? 1u : 0u, m_log->Count(" Port:8080 BAN!"));
+    }
+}
+
+// Ten frames, a tick, ten more: the loop goes on; the eleventh frame of one minute stops it.
+TEST_F(CollectTaskTest, EleventhPacketOfAMinuteStopsRun) {
+    UsePolicy("[]", R"(,"package_max_num":10)");
+    int pair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, pair));
+    epoll_event event{EPOLLIN | EPOLLET, {}};  // the loop reads the socket it knows, whatever the data
+    Peer().EpollFd() = epoll_create(1);
+    ASSERT_EQ(0, epoll_ctl(Peer().EpollFd(), EPOLL_CTL_ADD, pair[0], &event));
+    Peer().SockFd() = pair[0];
+    Peer().SocketReady() = true;  // both descriptors are the task's now: UnInit closes them
+    std::string frame(64, '\0');
+    frame[23] = 17;  // UDP: the frame parses and is offered on
+    m_run = std::async(std::launch::async, [this] { return m_task.Run(); });
+    for (std::size_t i = 0; i <= 20; ++i) {
+        if (i == 10) {
+            m_clock->now += 61;  // seen when the current one-second wait ends
+            ASSERT_TRUE(Poll([this] { return m_log->Count(kEndHeader) == 2; }));
+        }
+        ASSERT_EQ(64, send(pair[1], frame.data(), frame.size(), 0));
+        if (i < 20) {  // one at a time: each is taken before the next is sent
+            ASSERT_TRUE(Poll([this, i] { return m_log->Count(kOffered) == i + 1; })) << i;
+            EXPECT_FALSE(RunEnded());
+        }
+    }
+    EXPECT_TRUE(Poll([this] { return RunEnded(); }));
+    EXPECT_EQ(20u, m_log->Count(kOffered));
+    close(pair[1]);
+}
+
+TEST_F(CollectTaskTest, HundredAndFirstErrorOfAMinuteAsksForARebuild) {
+    UsePolicy("[]");
+    int pipeFds[2];
+    ASSERT_EQ(0, pipe(pipeFds));  // recv on a pipe fails
+    Peer().SocketReady() = true;  // with no epoll descriptor: every wait fails
+    for (bool fromWait : {false, true}) {
+        Peer().MonitorStatus() = MONITOR_LIST_NORMAL;
+        int errCount = 0, pktCount = 0;
+        for (int i = 1; i <= 101; ++i) {
+            fromWait ? m_task.DoPortScan(errCount, pktCount)
+                     : m_task.HandleSocketBuffer(pipeFds[0], pktCount, errCount);
+            EXPECT_EQ(i <= 100 ? i : 0, errCount) << fromWait;
+            EXPECT_EQ(i <= 100 ? MONITOR_LIST_NORMAL : MONITOR_LIST_ERROR, Peer().MonitorStatus())
+                << fromWait;
+        }
+    }
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+}
+
+TEST_F(CollectTaskTest, PortsFreezeAtTheTwentyFirstPacketOrTheFifthAlarmingHost) {
+    UsePolicy(R"([{"port":8080,"type":0},{"port":9090,"type":0}])",
+              R"(,"port_package_max_num":20,"port_ip_max_num":4)");
+    auto probe = [this](unsigned short port, const char* remote) {
+        PacketNode pkt{};
+        pkt.localAddress.s_addr = inet_addr("10.0.0.1");
+        pkt.localPort = port;
+        pkt.remoteAddress.s_addr = inet_addr(remote);
+        pkt.flag = "SYN";
+        m_task.HandlePacket(pkt, 100);
+        return Peer().BanPortMap().count(port) == 1;
+    };
+    for (int i = 1; i <= 21; ++i) {
+        EXPECT_EQ(i == 21, probe(8080, "203.0.113.5")) << i;  // a public host: counted, never alarmed
+    }
+    int n = 0;
+    for (const char* host : {"192.168.1.1", "192.168.1.1", "203.0.113.5", "192.168.1.2", "192.168.1.3",
+                             "192.168.1.4", "192.168.1.5"}) {
+        EXPECT_EQ(++n == 7, probe(9090, host)) << n;
+    }
+}
+
+TEST_F(CollectTaskTest, MonitorListStateMachine) {
+    using Ports = std::vector<std::pair<uint32_t, uint32_t>>;  // (port, type)
+    const struct {
+        Ports policy;
+        unsigned int frozen, inUdpUse;  // 0: none
+        MONITOR_LIST_STATUS expected;
+        Ports monitored;
+    } steps[] = {
+        {{{8080, 0}, {9090, 1}}, 0, 0, MONITOR_LIST_CREATE, {{8080, 0}, {9090, 1}}},
+        {{{8080, 0}, {9090, 1}}, 0, 0, MONITOR_LIST_NORMAL, {{8080, 0}, {9090, 1}}},
+        {{{8080, 1}, {9090, 1}}, 0, 0, MONITOR_LIST_NORMAL, {{8080, 1}, {9090, 1}}},  // protocol moved
+        {{{8080, 1}}, 0, 0, MONITOR_LIST_CHANGE, {{8080, 1}}},
+        {{{8080, 1}, {22, 0}}, 22, 0, MONITOR_LIST_NORMAL, {{8080, 1}}},
+        {{{8080, 1}, {22, 2}}, 0, 22, MONITOR_LIST_CHANGE, {{22, 0}, {8080, 1}}},
+        {{{8080, 1}}, 0, 8080, MONITOR_LIST_CHANGE, {}},
+        {{{8080, 1}}, 8080, 0, MONITOR_LIST_CREATE, {}},  // after an empty list
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(&step - steps);
+        std::string list;
+        for (const auto& port : step.policy) {
+            list += (list.empty() ? "" : ",") + std::string(R"({"port":)") + std::to_string(port.first) +
+                    R"(,"type":)" + std::to_string(port.second) + "}";
+        }
+        UsePolicy("[" + list + "]");
+        Peer().BanPortMap().clear();
+        if (step.frozen != 0) {
+            Peer().BanPortMap()[step.frozen] = kStart;
+        }
+        Peer().NetCache().clear();
+        if (step.inUdpUse != 0) {
+            MarkInUse(step.inUdpUse, 1);
+        }
+        EXPECT_TRUE(m_task.MergeMonitorPort());
+        EXPECT_EQ(step.expected, Peer().MonitorStatus());
+        Ports monitored;
+        for (const PortInfoNode& node : Peer().PortSet()) {
+            monitored.emplace_back(node.port, node.type);
+        }
+        std::sort(monitored.begin(), monitored.end());
+        EXPECT_EQ(step.monitored, monitored);
+    }
+
+    const struct {
+        int state;
+        bool withPorts, socketReady, result;
+        int after;
+        const char* line;  // the one line written; null: none
+    } cases[] = {
+        {2, true, false, true, 2, nullptr},
+        {3, true, false, true, 2, "[PortScan] Monitor port clear!"},
+        {1, false, false, false, 3, "[PortScan] Monitor port changed!"},
+        {4, false, false, false, 3, "[PortScan] Monitor port changed!"},
+        {0, true, true, true, 2, "[PortScam] Find monitor port list create! size = (1u)"},
+        {5, true, false, false, 5, kStateFive},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.state);
+        m_log->Clear();
+        Peer().PortSet().clear();
+        if (c.withPorts) {
+            Peer().PortSet().insert(PortInfoNode(8080, 0));
+        }
+        Peer().SocketReady() = c.socketReady;
+        Peer().MonitorStatus() = static_cast<MONITOR_LIST_STATUS>(c.state);
+        EXPECT_EQ(c.result, m_task.CheckSocketInfo());
+        EXPECT_EQ(c.after, Peer().MonitorStatus());
+        EXPECT_EQ(c.line == nullptr ? std::vector<std::string>{} : std::vector<std::string>{c.line},
+                  m_log->Texts());
+    }
+}
+
+TEST_F(CollectTaskTest, AlarmOnlyAboveTheAlarmLimit) {
+    const std::tuple<int, int, bool> cases[] = {{1, 1, false}, {1, 2, true}, {3, 3, false}, {3, 4, true}};
+    for (const auto& [limit, alarmNum, sent] : cases) {
+        UsePolicy("[]", ",\"alarm_max_num\":" + std::to_string(limit));
+        m_report->received.clear();
+        Peer().LogLimitPortMap().clear();
+        Peer().PortSet() = {Alarmed(8080, 0, alarmNum, {Entry("192.168.1.7", 2)})};
+        m_task.SendPortAlarm();
+        EXPECT_EQ(sent ? 1u : 0u, m_report->received.size()) << limit << "/" << alarmNum;
+    }
+}
+
+// Port 7's only prober is its peer: nothing is sent for it. Port 22 reports a half-open scan; port
+// 5353 a common one from the entry after its peer's, with the event count running on.
+TEST_F(CollectTaskTest, AlarmDocumentsSkipThePeerAndCountAcrossPorts) {
+    UsePolicy("[]");  // alarm_max_num 1
+    m_task.peers = {{7, "10.1.1.1"}, {5353, "10.1.1.1"}};
+    Peer().PortSet() = {
+        Alarmed(7, 0, 2, {Entry("10.1.1.1", 2)}), Alarmed(22, 0, 2, {Entry("192.168.1.7", 2)}),
+        Alarmed(5353, 1, 3, {Entry("10.1.1.1", 1, "UDP", ""), Entry("10.1.1.2", 1, "UDP", "")})};
+    m_task.SendPortAlarm();
+    // Parsed on both sides, so that a number sent as text (or the reverse) differs.
+    const std::string common = R"({"attack_phase":1,"attack_tag":1,"confidence":60,"event_category":6000,
+        "event_type":6002,"occur_time":1700000000,"severity":1,"detect_module":"portscan_module",)";
+    const std::vector<Json::Value> expected = {
+        Parse(common + R"("event_classid":"portscan_0002","event_count":1,"event_name":"Secret port scan",
+            "network_info":{"app_protocol":"SYN","local_address":"10.0.0.1","local_port":22,"protocol":"TCP",
+            "remote_address":"192.168.1.7","remote_port":40000}})"),
+        Parse(common + R"("event_classid":"portscan_0001","event_count":2,"event_name":"Common port scan",
+            "network_info":{"app_protocol":"","local_address":"10.0.0.1","local_port":5353,"protocol":"UDP",
+            "remote_address":"10.1.1.2","remote_port":40000}})")};
+    EXPECT_EQ(expected, Documents());
+    EXPECT_EQ(1u, Peer().LogLimitPortMap().count(7));
+}
+
+TEST_F(CollectTaskTest, DumpAtDebugLevelOnly) {
+    UsePolicy(R"([{"port":8080,"type":0},{"port":9090,"type":1}])");
+    PortInfoNode counted(8080, 0);
+    counted.alarmNum = 3;
+    counted.pkgNum = 9;
+    counted.remoteIps = {in_addr{1}, in_addr{2}};
+    m_policies.back()->RefreshAlarmInfo(counted);
+    MarkInUse(9090, 1);
+    Peer().BanPortMap() = {{9090u, kStart}, {22u, kStart}};
+    m_log->Clear();
+    m_task.PrintPortInfo();
+    std::string dump;
+    for (const Poco::Message& message : m_log->Messages()) {
+        EXPECT_EQ(Poco::Message::PRIO_DEBUG, message.getPriority()) << message.getText();
+        dump += message.getText() + "\n";
+    }
+    EXPECT_EQ(std::string(kPolicyHeader) + "\n  Port  8080 [0]: Got  3 packet from 2u hosts. Alarm:3\n" +
+                  "  Port  9090: IS BEING USED.Alarm:0\n" + kBanHeader +
+                  "\n Port:22 BAN!\n Port:9090 BAN!\n" + kEndHeader + "\n",
+              dump);
+
+    TestSupport::CaptureLogs({"portscan_module"}, "information");
+    // Even a module logger that admits debug lines stays quiet: the agent's level decides.
+    PortScan::GetLoggerPtr()->setLevel(Poco::Message::PRIO_DEBUG);
+    m_task.PrintPortInfo();
+    EXPECT_TRUE(m_log->Texts().empty());
+}
+
+}  // namespace

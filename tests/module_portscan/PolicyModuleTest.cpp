@@ -1,0 +1,195 @@
+// Feature and task policies, the module's task switching and the classifier chain; and the built
+// agent loading the built module, judged by its log file.
+
+#include "PortScanModule.h"
+#include "PortScanPolicy.h"
+#include "support/LogCapture.h"
+#include "support/NetLab.h"
+#include "support/TestEngine.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <memory>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+using TestSupport::TestEngine;
+
+namespace {
+
+// The module caches its logger on first use, and fetching it attaches the logger to the common
+// channel once more: fetch it before the capture is set up for good.
+TestSupport::RecordingChannel& Logs() {
+    TestSupport::CaptureLogs({"portscan_module"});
+    Engine::PortScan::GetLoggerPtr();
+    return TestSupport::CaptureLogs({"portscan_module"});
+}
+
+std::string Feature(const std::string& task) {
+    return R"({"feature_name":"portscan","content":{"port_scan_task":)" + task + "}}";
+}
+
+// A task policy watching `count` TCP ports.
+std::string Ports(int count) {
+    std::string list;
+    for (int i = 0; i < count; ++i) {
+        list += (i == 0 ? "" : ",") + std::string(R"({"port":)") + std::to_string(1000 + i) + "}";
+    }
+    return R"({"task_condition":{},"monitor_list":[)" + list + "]}";
+}
+
+TEST(PortScanPolicy, ResultsAndTheirLogLines) {
+    struct Case {
+        bool feature;  // parsed as the feature document, else as the task policy alone
+        std::string text;
+        bool parsed, on;
+        std::string line;  // the one error line, "" for none
+    };
+    const std::string get = "[PortScan] Do action (Get ";
+    const Case cases[] = {
+        {true, "{\"content\":", false, false, "Parse Json Error"},
+        {true, R"({"feature_name":"portscan"})", false, false, get + "policy content) fail!"},
+        {true, R"({"content":{}})", false, false, get + "port_scan_task) fail!"},
+        {true, R"({"content":{"is_feature_enable":false}})", false, false, get + "port_scan_task) fail!"},
+        {true, R"({"content":{"is_feature_enable":false,"port_scan_task":{}}})", true, false, ""},
+        {false, "{\"monitor_list\":[", false, false, "[PortScan] policy format err!"},
+        {true, Feature(R"({"task_condition":{}})"), true, false, "Parse json monitor_list err"},
+        {true, Feature(Ports(51)), true, false, "Ports' num exceed the maximum"},
+        {true, Feature(Ports(50)), true, true, ""},
+        {true, Feature(R"({"monitor_list":[],"white_ip_list":"abc","task_condition":{}})"), true, false,
+         "[!] Parse policy failed in parse_ip_ranges."},
+        {true, Feature(R"({"monitor_list":[]})"), true, false, "Parse task_condition failed."},
+        {true, Feature(R"({"monitor_list":[],"task_condition":{"no_such_key":1}})"), true, false,
+         "[Framework] task_condition of (port_scan_task) rejected: unknown key (no_such_key)"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        auto& log = Logs();
+        Engine::PortScanPolicy feature("portscan_info_collect");
+        Engine::PortScanTaskPolicy task("port_scan_task");
+        EXPECT_EQ(c.parsed, c.feature ? feature.Parse(c.text) : task.Parse(c.text));
+        EXPECT_EQ(c.on, feature.IsPortScanEnable());
+        std::vector<std::string> errors;
+        for (const auto& msg : log.Messages()) {
+            if (msg.getPriority() == Poco::Message::PRIO_ERROR) {
+                errors.push_back(msg.getText());
+            }
+        }
+        EXPECT_EQ(c.line.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.line}, errors);
+    }
+}
+
+TEST(PortScanPolicy, MonitorRecordsDefaultsAndRefresh) {
+    Engine::PortScanTaskPolicy policy("port_scan_task");
+    ASSERT_TRUE(policy.Parse(R"({"monitor_list":[{"port":443,"type":0},{"port":443,"type":0},
+        {"port":22,"type":2},{"port":80,"type":1}],"task_condition":{}})"));
+    EXPECT_EQ(std::vector<uint32_t>({20, 4, 1, 1000}),
+              std::vector<uint32_t>({policy.GetMaxPortPkgNum(), policy.GetPortMaxIpNum(),
+                                     policy.GetMaxLogNum(), policy.GetMaxPktCount()}));
+    EXPECT_FALSE(policy.IsBindMasterIntf() || policy.IsChkBeforAlarm());
+    EXPECT_TRUE(policy.IsPortScanEnable() && policy.GetWhileIpList().empty());
+
+    // The ordering hides this record from the set's own search; the refresh must still find it.
+    Engine::PortInfoNode update(80, 1);
+    ASSERT_EQ(policy.GetPolicyPortSet().end(), policy.GetPolicyPortSet().find(update));
+    update.alarmNum = 3;
+    update.auxValue = 5;
+    policy.RefreshAlarmInfo(update);
+    policy.RefreshAlarmInfo(Engine::PortInfoNode(8081, 0));  // not named: not added
+    // Type 2 stands for both protocols; the repeated pair is dropped.
+    std::multiset<std::tuple<uint32_t, uint32_t, int32_t, uint64_t>> records;
+    for (const auto& node : policy.GetPolicyPortSet()) {
+        records.insert({node.port, node.type, node.alarmNum, node.auxValue});
+    }
+    EXPECT_EQ((std::multiset<std::tuple<uint32_t, uint32_t, int32_t, uint64_t>>{
+                  {22, 0, 0, 0}, {22, 1, 0, 0}, {80, 1, 3, 0}, {443, 0, 0, 0}}),
+              records);
+}
+
+TEST(PortScanModule, SwitchesOneTaskObject) {
+    const std::string on = Feature(R"({"monitor_list":[],"task_condition":{}})");
+    const std::string off = R"({"content":{"is_feature_enable":false,"port_scan_task":{}}})";
+    auto& log = Logs();
+    std::vector<std::unique_ptr<Framework::Policy>> policies;
+    Engine::PortScanModule module;
+    ASSERT_EQ(0, module.Init());
+    auto refresh = [&](const std::string& text) {
+        Framework::Policy* previous = policies.empty() ? nullptr : policies.back().get();
+        policies.emplace_back(module.RefreshFeaturePolicy("portscan.json", text, previous));
+        return TestEngine().FindTask("port_scan_task");
+    };
+    EXPECT_EQ(nullptr, refresh(off));
+    EXPECT_EQ(1u, log.Count("Port scan module close!"));
+    Framework::Task* task = refresh(on);
+    ASSERT_NE(nullptr, task);
+    EXPECT_EQ(task, refresh(on));
+    EXPECT_EQ(policies[1].get(), task->GetFeaturePolicy());  // the runtime hands over later ones
+    EXPECT_EQ(nullptr, refresh(off));
+    EXPECT_EQ(task, refresh(on));
+    module.UnInit();
+    EXPECT_EQ(nullptr, TestEngine().FindTask("port_scan_task"));
+}
+
+TEST(PortScanChain, VerdictsOfHalfOpenThenCommon) {
+    auto& log = Logs();
+    Engine::PortScanTaskPolicy policy("port_scan_task");
+    ASSERT_TRUE(policy.Parse(R"({"monitor_list":[],"white_ip_list":"192.168.9.0/24","task_condition":{}})"));
+    Poco::AutoPtr<Framework::Task> task(
+        new Framework::Task("port_scan_task", "portscan_info_collect", 0, 16));
+    ASSERT_TRUE(TestEngine().RegisterTask(task, false));
+    task->SetTaskPolicy(&policy);
+    Engine::HFConnectChain chain;
+    Engine::CommonComputeChain common;
+    chain.next = &common;
+    // remote, protocol, flag text, alarm type (0: no classifier answers), safe lines
+    const std::tuple<const char*, int, const char*, int, size_t> cases[] = {
+        {"192.168.1.7", 0, "SYN", 2, 0}, {"10.1.2.3", 0, "SYN,ACK", 1, 0}, {"172.20.0.9", 1, "", 1, 0},
+        {"8.8.8.8", 0, "SYN", 0, 1},     {"172.32.0.1", 0, "SYN", 0, 1},   {"192.168.9.20", 0, "SYN", 0, 1},
+        {"10.0.0.5", 0, "", 1, 0},
+    };
+    for (const auto& [remote, type, flag, alarm, safeLines] : cases) {
+        SCOPED_TRACE(std::string(remote) + " " + flag);
+        log.Clear();
+        const Engine::PacketNode pkt{{0}, 8080, {inet_addr(remote)}, 40000, type, flag};
+        int result = 0;
+        for (Engine::ComputeChain* link = &chain; link != nullptr && !link->handle(pkt, result, 100);) {
+            link = link->next;
+        }
+        EXPECT_EQ(alarm, result);
+        EXPECT_EQ(safeLines, log.Count("[PortScan] safe pkt found, safe(0)"));
+    }
+    TestEngine().UnRegisterTask("port_scan_task");
+}
+
+TEST(PortScanAgentRun, PolicyFileOutcomesInTheLog) {
+    using namespace TestSupport;
+    const std::pair<std::string, const char*> cases[] = {
+        // An empty monitor list keeps the task from opening a capture socket.
+        {Feature(R"({"monitor_list":[],"task_condition":{}})"), "[PortScan] first run port_scan_task, tid("},
+        {R"({"content":{"is_feature_enable":false,"port_scan_task":{}}})", "Port scan module close!"},
+        {Feature(Ports(51)), "Ports' num exceed the maximum"},
+        {Feature(R"({"monitor_list":[]})"), "Parse task_condition failed."},
+        {"port_scan_task: on", "Parse Json Error"},
+    };
+    for (const auto& [policy, line] : cases) {
+        SCOPED_TRACE(line);
+        TempDir dir;
+        WriteFile(dir.File("policy.json"), policy);
+        WriteFile(dir.File("agent.json"),
+                  R"({"log":{"level":"debug","console":false,"file":")" + dir.File("agent.log") +
+                      R"("},"modules":[")" PORTSCAN_MODULE R"("],"policies":{"10001":")" +
+                      dir.File("policy.json") + R"("},"report":{"sinks":[{"type":"stdout"}]}})");
+        Child agent({HOSTAGENT_BIN, "--config", dir.File("agent.json")}, "", dir.File("out"),
+                    dir.File("err"));
+        EXPECT_TRUE(WaitForLine(dir.File("agent.log"), line, Seconds(20)))
+            << ReadFile(dir.File("agent.log")) << ReadFile(dir.File("err"));
+        agent.Signal(SIGTERM);
+        EXPECT_EQ(0, agent.WaitExit(Seconds(20)).value_or(-1));
+    }
+}
+
+}  // namespace
