@@ -39,6 +39,10 @@ test-tsan:
 	cmake --build $(TSAN_BUILD) -j$(JOBS) --target tsan_tests
 	cd $(TSAN_BUILD) && ctest --output-on-failure -L tsan
 
+# A two-namespace lab: the agent watches one host while nmap scans it from the other.
+demo: build
+	BUILD=$(BUILD) bash scripts/demo.sh
+
 format:
 	find sdk framework builtin_tasks module_portscan agent tests bench -name '*.cpp' -o -name '*.h' \
 	  | xargs clang-format -i

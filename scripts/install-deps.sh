@@ -12,6 +12,8 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   # end-to-end tests: namespaces, scanners, socket inspection
   iproute2 nmap hping3 netcat-openbsd procps
+  # make demo: edits the agent's configuration and prints alarms
+  jq
 )
 
 missing=()

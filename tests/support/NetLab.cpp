@@ -4,9 +4,11 @@
 #include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -72,6 +74,21 @@ TempDir::~TempDir() {
     }
 }
 
+void RemoveStaleNamespaces(const std::string& prefix) {
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/run/netns", error)) {
+        std::string name = entry.path().filename();
+        if (name.rfind(prefix, 0) != 0) {
+            continue;
+        }
+        // The owner's pid follows the prefix; only namespaces whose owner is gone are removed.
+        pid_t owner = static_cast<pid_t>(atol(name.c_str() + prefix.size()));
+        if (owner > 0 && kill(owner, 0) != 0 && errno == ESRCH) {
+            Run({"ip", "netns", "del", name});
+        }
+    }
+}
+
 NetNs::NetNs(std::string name) : m_name(std::move(name)) {
     MustRun({"ip", "netns", "add", m_name});
     try {
@@ -112,12 +129,17 @@ Child::Child(const std::vector<std::string>& argv, const std::string& netns, con
     }
     args.push_back(nullptr);
     std::string nsPath = netns.empty() ? "" : "/run/netns/" + netns;
+    const pid_t parent = getpid();
 
     m_pid = fork();
     if (m_pid < 0) {
         throw std::runtime_error("fork failed");
     }
     if (m_pid == 0) {
+        // Dies with the test, even when the test itself is killed and no destructor runs.
+        if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) {
+            _exit(126);
+        }
         if (!nsPath.empty()) {
             int fd = open(nsPath.c_str(), O_RDONLY | O_CLOEXEC);
             if (fd < 0 || setns(fd, CLONE_NEWNET) != 0) {

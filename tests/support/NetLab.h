@@ -52,13 +52,18 @@ private:
     std::string m_name;
 };
 
+// Deletes namespaces named `prefix` + pid + anything whose pid no longer runs: left over by a run
+// that was killed before its destructors ran.
+void RemoveStaleNamespaces(const std::string& prefix);
+
 // A veth pair whose ends live in two namespaces, each end up and carrying one address ("a.b.c.d/len").
 // No route is added beyond the connected subnets. Deleting either namespace removes the pair.
 void AddVethPair(const NetNs& a, const std::string& aIf, const std::string& aAddr, const NetNs& b,
                  const std::string& bIf, const std::string& bAddr);
 
 // A child process, optionally entered into a namespace before exec, with stdout and stderr sent
-// to files. The destructor ends it (SIGTERM, then SIGKILL after 5 s) if it still runs, and reaps it.
+// to files. The destructor ends it (SIGTERM, then SIGKILL after 5 s) if it still runs, and reaps it;
+// the kernel kills it (SIGKILL) should the thread that started it end first.
 class Child {
 public:
     Child(const std::vector<std::string>& argv, const std::string& netns, const std::string& outPath,
