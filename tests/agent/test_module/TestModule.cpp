@@ -1,154 +1,80 @@
-// A module for the agent's tests only. Policy under key "90001" (a JSON object):
-//   "marker":        text copied into every event (required)
-//   "count":         events to send when the policy arrives (default 1)
-//   "burst_on_stop": events to send when the module's task is cancelled (default 0)
-// Every event is a DataMessage of type "2" to "data_comm_report_task" with the body
-//   {"source":"agent_test_module","marker":M,"kind":"policy"|"stop","seq":N,"policy_name":NAME}
+// A module for the agent's tests only. Its policy (key "90001") is a JSON object: "marker" (text,
+// required) goes into every event; "count" events are sent when the policy arrives and
+// "burst_on_stop" more when the module stops. Each event is a type "2" message to the report task
+// with the body {"source","marker","kind":"policy"|"stop","seq","policy_name"}, pretty-printed on
+// purpose: the report task must write it as one line.
 #include "framework/Message.h"
 #include "framework/Module.h"
 #include "framework/Policy.h"
 #include "framework/PolicyCallback.h"
 #include "framework/Task.h"
+#include "sdk/JsonUtils.h"
 
-#include <json/json.h>
-
-#include <memory>
 #include <mutex>
-#include <string>
-#include <vector>
 
-namespace AgentTestModule {
-
-const char* const kFeatureKey = "90001";
-const char* const kTaskName = "agent_test_task";
-const char* const kReportTask = "data_comm_report_task";
-
-struct Order {
-    std::string marker;
-    std::string policyName;
-    int count = 1;
-    int burstOnStop = 0;
-};
+namespace {
 
 class TestPolicy : public Framework::FeaturePolicy {
 public:
-    TestPolicy() : Framework::FeaturePolicy("agent_test_feature") {}
-
+    TestPolicy() : FeaturePolicy("agent_test_feature") {}
     bool Parse(const std::string& text) override {
-        Json::CharReaderBuilder builder;
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        Json::Value root;
-        if (!reader->parse(text.data(), text.data() + text.size(), &root, nullptr) || !root.isObject() ||
-            !root["marker"].isString()) {
-            return false;
-        }
-        m_order.marker = root["marker"].asString();
-        m_order.count = root.get("count", 1).asInt();
-        m_order.burstOnStop = root.get("burst_on_stop", 0).asInt();
-        return true;
+        return SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), m_root) == 0 &&
+               m_root["marker"].isString();
     }
-
-    Order& GetOrder() { return m_order; }
-
-private:
-    Order m_order;
-};
-
-class AlarmTask : public Framework::Task {
-public:
-    AlarmTask() : Framework::Task(kTaskName, "test", 0, 16) {}
-
-    void Take(const Order& order) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_pending.push_back(order);
-        m_last = order;
-    }
-
-    int Run() override {
-        while (!isCancelled() && !sleep(20)) {
-            SendPending();
-            MarkActivity();
-        }
-        SendPending();
-        Order last;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            last = m_last;
-        }
-        for (int i = 0; i < last.burstOnStop; ++i) {
-            Send(last, "stop", i);
-        }
-        return 0;
-    }
-
-private:
-    void SendPending() {
-        std::vector<Order> pending;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            pending.swap(m_pending);
-        }
-        for (const Order& order : pending) {
-            for (int i = 0; i < order.count; ++i) {
-                Send(order, "policy", i);
-            }
-        }
-    }
-
-    void Send(const Order& order, const char* kind, int seq) {
-        Json::Value body;
-        body["source"] = "agent_test_module";
-        body["marker"] = order.marker;
-        body["kind"] = kind;
-        body["seq"] = seq;
-        body["policy_name"] = order.policyName;
-        Json::StreamWriterBuilder writer;
-        writer["indentation"] = "  ";  // multi-line on purpose: the report task writes one line
-        SendDirectMsg(kReportTask, new Framework::DataMessage("2", Json::writeString(writer, body)));
-    }
-
-    std::mutex m_mutex;
-    std::vector<Order> m_pending;
-    Order m_last;
+    Json::Value m_root;
 };
 
 class TestModule : public Framework::Module {
 public:
-    TestModule() : Framework::Module("agent_test_module"), m_task(new AlarmTask) {}
-    ~TestModule() override { m_task->release(); }
-
+    TestModule() : Module("agent_test_module") {}
     int Init() override {
-        RegisterPolicyCallback(kFeatureKey,
+        RegisterPolicyCallback("90001",
                                new Framework::PolicyCallback<TestModule>(this, &TestModule::OnPolicy));
-        return Framework::Module::Init();
+        return Module::Init();
     }
-
     void UnInit() override {
-        UnRegisterTaskletCallback(kFeatureKey);
-        UnRegisterTask(kTaskName);
-        Framework::Module::UnInit();
+        Send("stop", "burst_on_stop", 0);
+        Module::UnInit();
     }
-
     Framework::Policy* OnPolicy(const std::string& name, const std::string& content, Framework::Policy*&) {
         auto* policy = new TestPolicy;
         if (!policy->Parse(content)) {
             delete policy;
             return nullptr;
         }
-        policy->GetOrder().policyName = name;
-        if (FindTask(kTaskName) == nullptr) {
-            RegisterTask(m_task, false);
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_event = policy->m_root;
+            m_event["policy_name"] = name;
         }
-        m_task->Take(policy->GetOrder());
+        Send("policy", "count", 1);
         return policy;
     }
 
 private:
-    AlarmTask* m_task;  // owned; registered on the first policy
+    // Sends as many events of `kind` as the policy's `countKey` asks for.
+    void Send(const char* kind, const char* countKey, int defaultCount) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const int count = m_event.get(countKey, defaultCount).asInt();
+        for (int i = 0; i < count; ++i) {
+            Json::Value body;
+            body["source"] = "agent_test_module";
+            body["marker"] = m_event["marker"];
+            body["policy_name"] = m_event["policy_name"];
+            body["kind"] = kind;
+            body["seq"] = i;
+            m_sender.SendDirectMsg("data_comm_report_task",
+                                   new Framework::DataMessage("2", body.toStyledString()));
+        }
+    }
+
+    std::mutex m_mutex;
+    Json::Value m_event;  // the current policy's fields, and the name it was delivered under
+    Framework::Task m_sender{"agent_test_sender", "test", 0, 1};  // never registered: only sends
 };
 
-}  // namespace AgentTestModule
+}  // namespace
 
 extern "C" Framework::Module* CreateModule() {
-    return new AgentTestModule::TestModule;
+    return new TestModule;
 }
