@@ -139,14 +139,14 @@ private:
     int m_maxErrCount;                               // socket errors tolerated per minute
     int m_banTime;                                   // seconds a port stays frozen
     MONITOR_LIST_STATUS m_monitorStatus;
-    NetCacheMap m_netCacheMap;                       // copy of the network-process cache
-    int m_idleCount;                                 // idle one-second waits since Run began
+    NetCacheMap m_netCacheMap;  // copy of the network-process cache
+    int m_idleCount;            // idle one-second waits since Run began
     bool m_running;
     bool m_firstRun;
     int m_sockFd;
     int m_epollFd;
-    ComputeChain* m_computeChain;                    // owning, head of the classifier chain
-    long m_lastTickTime;                             // last one-minute tick (s)
+    ComputeChain* m_computeChain;  // owning, head of the classifier chain
+    long m_lastTickTime;           // last one-minute tick (s)
 };
 
 }  // namespace Engine

@@ -58,8 +58,8 @@ public:
 // IPv6 and mask helpers behind the IPUtil conversions.
 bool parse_mask(const char* text, unsigned long length, int& bits);
 bool transfor_ip6(const char* text, bool isStart, std::string& out);
-std::string& BuildIP6Str(bool isStart, std::string& out, sockaddr_in6& address, char* buffer, unsigned int* words,
-                         int index);
+std::string& BuildIP6Str(bool isStart, std::string& out, sockaddr_in6& address, char* buffer,
+                         unsigned int* words, int index);
 bool from_string(const char* text, unsigned char* bytes, int size);
 void colon_amount(const char* text, unsigned char& gapOffset, unsigned char maxLength);
 unsigned char ascii_to_hex(unsigned char c);

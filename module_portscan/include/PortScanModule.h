@@ -92,7 +92,7 @@ void LogStatement(LoggerGetter getLogger, Poco::Message::Priority prio, const ch
 // Poco::format's conversions (%s takes std::string, %hu unsigned short, %lu unsigned long, ...).
 #define PORTSCAN_LOG(prio, ...) \
     ::Engine::PortScan::LogStatement(&::Engine::PortScan::GetLoggerPtr, prio, __FILE__, __LINE__, __VA_ARGS__)
-#define PORTSCAN_ROOT_LOG(prio, ...)                                                                      \
+#define PORTSCAN_ROOT_LOG(prio, ...)                                                                  \
     ::Engine::PortScan::LogStatement(&::Engine::PortScan::GetRootLoggerPtr, prio, __FILE__, __LINE__, \
                                      __VA_ARGS__)
 

@@ -11,22 +11,22 @@ namespace Engine {
 
 // One captured TCP or UDP packet as the task sees it.
 struct PacketNode {
-    in_addr localAddress;   // destination address (this host), network order
+    in_addr localAddress;       // destination address (this host), network order
     unsigned short localPort;   // destination port, host order
-    in_addr remoteAddress;  // source address (the prober), network order
+    in_addr remoteAddress;      // source address (the prober), network order
     unsigned short remotePort;  // source port, host order
-    int type;               // 0 TCP, 1 UDP
-    std::string flag;       // TCP flag text ("SYN", "SYN,ACK", ...); empty for UDP
+    int type;                   // 0 TCP, 1 UDP
+    std::string flag;           // TCP flag text ("SYN", "SYN,ACK", ...); empty for UDP
 };
 
 // One IPv4 route of the kernel's main table.
 struct RouteTable {
-    int dstLen;           // destination prefix length
-    int ifIndex;          // output interface index (RTA_OIF)
-    int metrics;          // first word of RTA_METRICS, 0 when absent
-    std::string ifName;   // name of ifIndex
-    unsigned int dst;     // destination, network order; 0 for the default route
-    unsigned int gateway; // gateway, network order; 0 when absent
+    int dstLen;            // destination prefix length
+    int ifIndex;           // output interface index (RTA_OIF)
+    int metrics;           // first word of RTA_METRICS, 0 when absent
+    std::string ifName;    // name of ifIndex
+    unsigned int dst;      // destination, network order; 0 for the default route
+    unsigned int gateway;  // gateway, network order; 0 when absent
 };
 
 // The capture socket and its kernel filter, the packet parser, and the two netlink conversations

@@ -33,6 +33,7 @@ private:
 // Configures the agent's logging once per process at `level` (after creating the test engine,
 // whose construction would otherwise reset every channel) and routes the root logger and every
 // logger named in `loggers` into one recording channel, which is returned (cleared).
-RecordingChannel& CaptureLogs(const std::vector<std::string>& loggers = {}, const std::string& level = "debug");
+RecordingChannel& CaptureLogs(const std::vector<std::string>& loggers = {},
+                              const std::string& level = "debug");
 
 }  // namespace TestSupport
