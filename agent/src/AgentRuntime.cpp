@@ -1,6 +1,5 @@
 #include "AgentRuntime.h"
 
-#include "AgentLog.h"
 #include "AgentTunables.h"
 #include "ControlSignals.h"
 #include "Privileges.h"
@@ -9,6 +8,7 @@
 #include "framework/ConfigManager.h"
 #include "framework/Engine.h"
 #include "sdk/InnerCpuCtrlUtils.h"
+#include "sdk/LogStatement.h"
 
 #include <Poco/Exception.h>
 #include <Poco/File.h>
@@ -43,7 +43,7 @@ int AgentRuntime::Run() {
     if (!ConfigureLogging()) {
         return Poco::Util::Application::EXIT_CONFIG;
     }
-    AGENT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] hostagent starting with %s", m_config.file);
+    SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] hostagent starting with %s", m_config.file);
     WarnWithoutCaptureCapability();
     Framework::ConfigManager::GetInstance()->SetConnectConfig(m_config.connect);
     SDK::InnerCpuCtrlUtils::SetCpuLimitPercent(m_config.cpuLimitPercent);
@@ -57,12 +57,13 @@ int AgentRuntime::Run() {
             return m_engine.DeliverPolicy(key, name, text);
         }));
     m_feed->Poll();
-    AGENT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] hostagent running: %z module(s), %z policy file(s)",
-              m_modules.GetRunningCount(), m_config.policies.size());
+    SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION,
+                 "[Agent] hostagent running: %z module(s), %z policy file(s)", m_modules.GetRunningCount(),
+                 m_config.policies.size());
 
     ServeUntilStopped();
     Shutdown();
-    AGENT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] hostagent stopped");
+    SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] hostagent stopped");
     return Poco::Util::Application::EXIT_OK;
 }
 
@@ -86,8 +87,8 @@ bool AgentRuntime::ConfigureLogging() {
 
 void AgentRuntime::WarnWithoutCaptureCapability() {
     if (CheckCaptureCapability() == CaptureCapability::Missing) {
-        AGENT_LOG(Poco::Message::PRIO_WARNING,
-                  "[Agent] No CAP_NET_RAW: packet capture will fail; run as root or grant CAP_NET_RAW");
+        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
+                     "[Agent] No CAP_NET_RAW: packet capture will fail; run as root or grant CAP_NET_RAW");
     }
 }
 
@@ -126,12 +127,13 @@ void AgentRuntime::ServeUntilStopped() {
     for (;;) {
         int signal = WaitForControlSignal(MillisecondsUntil(std::min(nextPoll, nextReclaim)));
         if (signal == SIGINT || signal == SIGTERM) {
-            AGENT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] Signal %d received, shutting down", signal);
+            SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] Signal %d received, shutting down",
+                         signal);
             return;
         }
         if (signal == SIGHUP) {
-            AGENT_LOG(Poco::Message::PRIO_INFORMATION,
-                      "[Agent] SIGHUP received, delivering every policy again");
+            SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION,
+                         "[Agent] SIGHUP received, delivering every policy again");
             m_feed->DeliverAll();
         }
         if (Clock::now() >= nextPoll) {
@@ -161,8 +163,8 @@ void AgentRuntime::Shutdown() {
     if (m_reportTask != nullptr) {
         if (m_reportRegistered) {
             m_engine.UnRegisterTask(Engine::DataCommReportTask::kTaskName);
-            AGENT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] %z alarm(s) reported",
-                      m_reportTask->GetReportedCount());
+            SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] %z alarm(s) reported",
+                         m_reportTask->GetReportedCount());
         }
         m_reportTask->release();
         m_reportTask = nullptr;
@@ -171,7 +173,7 @@ void AgentRuntime::Shutdown() {
 }
 
 void AgentRuntime::Fail(const std::string& message) {
-    AGENT_LOG(Poco::Message::PRIO_ERROR, "[Agent] %s", message);
+    SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Agent] %s", message);
     if (!m_config.log.console) {
         std::cerr << "hostagent: " << message << std::endl;
     }

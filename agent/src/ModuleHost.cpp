@@ -1,8 +1,8 @@
 #include "ModuleHost.h"
 
-#include "AgentLog.h"
 #include "framework/Engine.h"
 #include "framework/Module.h"
+#include "sdk/LogStatement.h"
 
 #include <dlfcn.h>
 
@@ -66,8 +66,8 @@ bool ModuleHost::Load(const std::string& path, std::string& error) {
         Stop(loaded);
         return false;
     }
-    AGENT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] Module %s loaded from %s",
-              std::string(module->name()), path);
+    SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] Module %s loaded from %s",
+                 std::string(module->name()), path);
     return true;
 }
 
@@ -76,7 +76,7 @@ void ModuleHost::Stop(Loaded& loaded) {
         return;
     }
     std::string name = loaded.module->name();
-    AGENT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] Stopping module %s", name);
+    SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] Stopping module %s", name);
     loaded.module->UnInit();
     m_engine.ReleasePolicies(loaded.module);
     m_engine.RemoveModule(loaded.module);
@@ -94,7 +94,8 @@ void ModuleHost::CloseLibraries() {
     StopAll();
     for (auto it = m_loaded.rbegin(); it != m_loaded.rend(); ++it) {
         if (dlclose(it->handle) != 0) {
-            AGENT_LOG(Poco::Message::PRIO_WARNING, "[Agent] Closing %s failed: %s", it->path, LastDlError());
+            SDK_ROOT_LOG(Poco::Message::PRIO_WARNING, "[Agent] Closing %s failed: %s", it->path,
+                         LastDlError());
         }
     }
     m_loaded.clear();

@@ -1,7 +1,7 @@
 #include "PolicyFeed.h"
 
-#include "AgentLog.h"
 #include "PolicyFile.h"
+#include "sdk/LogStatement.h"
 
 #include <Poco/Path.h>
 
@@ -48,14 +48,15 @@ bool PolicyFeed::VisitEntry(Entry& entry, bool force) {
     std::string problem;
     if (!ReadPolicyFile(path, text, problem)) {
         if (problem != entry.problem) {
-            AGENT_LOG(Poco::Message::PRIO_ERROR,
-                      "[Policy] Cannot read policy file %s (key %s): %s; trying again", path, key, problem);
+            SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
+                         "[Policy] Cannot read policy file %s (key %s): %s; trying again", path, key,
+                         problem);
             entry.problem = problem;
         }
         return false;
     }
     if (!entry.problem.empty()) {
-        AGENT_LOG(Poco::Message::PRIO_INFORMATION, "[Policy] Policy file %s is readable again", path);
+        SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Policy] Policy file %s is readable again", path);
         entry.problem.clear();
     }
     if (!force && entry.handled && text == entry.lastText) {
@@ -65,17 +66,17 @@ bool PolicyFeed::VisitEntry(Entry& entry, bool force) {
     entry.lastText = text;
     if (!CheckPolicyText(text, problem)) {
         // The module owns its policy's syntax: it reports the error and takes its own safe course.
-        AGENT_LOG(Poco::Message::PRIO_WARNING,
-                  "[Policy] Policy file %s (key %s) is malformed (%s); delivering it, the module decides",
-                  path, key, problem);
+        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
+                     "[Policy] Policy file %s (key %s) is malformed (%s); delivering it, the module decides",
+                     path, key, problem);
     }
     std::string name = Poco::Path(path).getFileName();
     if (!m_deliver(key, name, text)) {
-        AGENT_LOG(Poco::Message::PRIO_WARNING, "[Policy] No module serves policy key %s (file %s)", key,
-                  path);
+        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING, "[Policy] No module serves policy key %s (file %s)", key,
+                     path);
         return false;
     }
-    AGENT_LOG(Poco::Message::PRIO_INFORMATION, "[Policy] Delivered %s under key %s", path, key);
+    SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Policy] Delivered %s under key %s", path, key);
     return true;
 }
 

@@ -1,8 +1,8 @@
 #include "builtin_tasks/DataCommReportTask.h"
 
-#include "TaskLog.h"
 #include "framework/Message.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/LogStatement.h"
 
 #include <Poco/Exception.h>
 #include <Poco/File.h>
@@ -81,12 +81,12 @@ struct DataCommReportTask::Impl {
             bool ok = std::fwrite(line.data(), 1, line.size(), sink.stream) == line.size() &&
                       std::fputc('\n', sink.stream) != EOF && std::fflush(sink.stream) == 0;
             if (!ok && !sink.failing) {
-                BUILTIN_LOG(Poco::Message::PRIO_ERROR, "[Report] Cannot write alarm to %s: %s", sink.label,
-                            std::string(std::strerror(errno)));
+                SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Report] Cannot write alarm to %s: %s", sink.label,
+                             std::string(std::strerror(errno)));
             }
             if (ok && sink.failing) {
-                BUILTIN_LOG(Poco::Message::PRIO_INFORMATION, "[Report] Writing alarms to %s again",
-                            sink.label);
+                SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Report] Writing alarms to %s again",
+                             sink.label);
             }
             sink.failing = !ok;
         }
@@ -114,23 +114,23 @@ bool DataCommReportTask::Init() {
             open.owned = true;
             std::string error;
             if (!CreateParentFolder(sink.path, error)) {
-                BUILTIN_LOG(Poco::Message::PRIO_ERROR,
-                            "[Report] Cannot create the folder of alarm file %s: %s", sink.path, error);
+                SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
+                             "[Report] Cannot create the folder of alarm file %s: %s", sink.path, error);
                 m_impl->CloseAll();
                 return false;
             }
             open.stream = std::fopen(sink.path.c_str(), "a");
             if (open.stream == nullptr) {
-                BUILTIN_LOG(Poco::Message::PRIO_ERROR, "[Report] Cannot open alarm file %s: %s", sink.path,
-                            std::string(std::strerror(errno)));
+                SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Report] Cannot open alarm file %s: %s", sink.path,
+                             std::string(std::strerror(errno)));
                 m_impl->CloseAll();
                 return false;
             }
         }
         m_impl->open.push_back(open);
     }
-    BUILTIN_LOG(Poco::Message::PRIO_INFORMATION, "[Report] Reporting alarms to %z sink(s)",
-                m_impl->open.size());
+    SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Report] Reporting alarms to %z sink(s)",
+                 m_impl->open.size());
     return true;
 }
 
@@ -160,7 +160,7 @@ int DataCommReportTask::Run() {
         delete msg;
         ++drained;
     }
-    BUILTIN_LOG(Poco::Message::PRIO_DEBUG, "[Report] Stopping, %z queued message(s) drained", drained);
+    SDK_ROOT_LOG(Poco::Message::PRIO_DEBUG, "[Report] Stopping, %z queued message(s) drained", drained);
     return 0;
 }
 
@@ -169,12 +169,12 @@ bool DataCommReportTask::HandleMsg(Framework::Message* msg) {
         return false;
     }
     if (msg->GetType() != kAlarmType) {
-        BUILTIN_LOG(Poco::Message::PRIO_DEBUG, "[Report] Dropping message of type %s", msg->GetType());
+        SDK_ROOT_LOG(Poco::Message::PRIO_DEBUG, "[Report] Dropping message of type %s", msg->GetType());
         return false;
     }
     auto* data = dynamic_cast<Framework::DataMessage*>(msg);
     if (data == nullptr) {
-        BUILTIN_LOG(Poco::Message::PRIO_ERROR, "[Report] Alarm message without a body dropped");
+        SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Report] Alarm message without a body dropped");
         return false;
     }
     const std::string& body = data->GetBody();
@@ -184,9 +184,9 @@ bool DataCommReportTask::HandleMsg(Framework::Message* msg) {
     if (parsed == SDK::JsonUtils::kParseOk) {
         line = SDK::JsonUtils::JsonToString(root);
     } else {
-        BUILTIN_LOG(Poco::Message::PRIO_ERROR,
-                    "[Report] Alarm body is not a JSON object (%d), written as received: %s", parsed,
-                    EscapeLineBreaks(body));
+        SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
+                     "[Report] Alarm body is not a JSON object (%d), written as received: %s", parsed,
+                     EscapeLineBreaks(body));
         line = EscapeLineBreaks(body);
     }
     m_impl->WriteLine(line);

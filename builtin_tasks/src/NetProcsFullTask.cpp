@@ -2,7 +2,7 @@
 
 #include "SockDiagDump.h"
 #include "SocketOwners.h"
-#include "TaskLog.h"
+#include "sdk/LogStatement.h"
 
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
@@ -59,8 +59,8 @@ bool ReadSocketTables(std::vector<NetProcsMessage::netProcInfo>& sockets, std::s
             continue;
         }
         if (unsupported) {
-            BUILTIN_LOG(Poco::Message::PRIO_DEBUG, "[NetProcs] No %s socket table: %s",
-                        std::string(table.label), tableError);
+            SDK_ROOT_LOG(Poco::Message::PRIO_DEBUG, "[NetProcs] No %s socket table: %s",
+                         std::string(table.label), tableError);
             continue;
         }
         error = std::string(table.label) + " dump: " + tableError;
@@ -87,8 +87,8 @@ bool NetProcsFullTask::RefreshNow() {
     std::vector<NetProcsMessage::netProcInfo> sockets;
     std::string error;
     if (!ReadSocketTables(sockets, error)) {
-        BUILTIN_LOG(Poco::Message::PRIO_ERROR, "[NetProcs] Cannot read the socket tables, cache kept: %s",
-                    error);
+        SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[NetProcs] Cannot read the socket tables, cache kept: %s",
+                     error);
         return false;
     }
 
@@ -118,9 +118,9 @@ bool NetProcsFullTask::RefreshNow() {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_cache.swap(fresh);
     }
-    BUILTIN_LOG(Poco::Message::PRIO_DEBUG,
-                "[NetProcs] Socket cache refreshed: %z socket(s), %z with a known owner", count,
-                owners.size());
+    SDK_ROOT_LOG(Poco::Message::PRIO_DEBUG,
+                 "[NetProcs] Socket cache refreshed: %z socket(s), %z with a known owner", count,
+                 owners.size());
     return true;
 }
 

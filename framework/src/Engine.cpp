@@ -15,12 +15,12 @@
 #include <utility>
 #include <vector>
 
-#include "Log.h"
 #include "TaskRunner.h"
 #include "framework/Message.h"
 #include "framework/Module.h"
 #include "framework/Policy.h"
 #include "framework/Task.h"
+#include "sdk/LogStatement.h"
 
 namespace Framework {
 
@@ -128,8 +128,9 @@ struct Engine::State {
             return;  // the unregistering thread joins this one and takes the task down
         }
         if (selfExit) {
-            FW_LOG_WARNING("[Framework] Task (%s) returned by itself (%d); taking it down",
-                           runner->m_task->name(), TaskRunner::GetRunResult(runner->m_task));
+            SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
+                         "[Framework] Task (%s) returned by itself (%d); taking it down",
+                         runner->m_task->name(), TaskRunner::GetRunResult(runner->m_task));
         }
         TearDown(runner);
     }
@@ -141,10 +142,11 @@ struct Engine::State {
         TaskRunner::CloseQueue(task);
         try {
             if (!task->UnInit()) {
-                FW_LOG_WARNING("[Framework] Task (%s) UnInit failed", name);
+                SDK_ROOT_LOG(Poco::Message::PRIO_WARNING, "[Framework] Task (%s) UnInit failed", name);
             }
         } catch (const std::exception& e) {
-            FW_LOG_ERROR("[Framework] Task (%s) UnInit failed: %s", name, std::string(e.what()));
+            SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Framework] Task (%s) UnInit failed: %s", name,
+                         std::string(e.what()));
         }
         {
             std::unique_lock<std::mutex> lock(registryMutex);
@@ -162,7 +164,7 @@ struct Engine::State {
             }
             registryChanged.notify_all();
         }
-        FW_LOG_INFO("[Framework] Task (%s) unregistered", name);
+        SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Framework] Task (%s) unregistered", name);
         if (runner->m_adopt) {
             task->release();
         }
@@ -238,7 +240,7 @@ struct Engine::State {
         std::lock_guard<std::recursive_mutex> delivery(deliveryMutex);
         const std::string name = task->name();
         if (!WaitNameFree(name)) {
-            FW_LOG_WARNING("[Framework] Task (%s) is registered already", name);
+            SDK_ROOT_LOG(Poco::Message::PRIO_WARNING, "[Framework] Task (%s) is registered already", name);
             return false;
         }
 
@@ -276,10 +278,12 @@ struct Engine::State {
         try {
             initialised = task->Init();
         } catch (const std::exception& e) {
-            FW_LOG_ERROR("[Framework] Task (%s) Init failed: %s", name, std::string(e.what()));
+            SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Framework] Task (%s) Init failed: %s", name,
+                         std::string(e.what()));
         }
         if (!initialised) {
-            FW_LOG_WARNING("[Framework] Task (%s) Init failed; not registered", name);
+            SDK_ROOT_LOG(Poco::Message::PRIO_WARNING, "[Framework] Task (%s) Init failed; not registered",
+                         name);
             task->SetTaskPolicy(nullptr);
             task->SetFeaturePolicy(nullptr);
             return false;
@@ -309,7 +313,7 @@ struct Engine::State {
         }
         const bool started = failure.empty();
         if (!started) {
-            FW_LOG_ERROR("[Framework] Task (%s) not started: %s", name, failure);
+            SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Framework] Task (%s) not started: %s", name, failure);
         }
         if (!started) {
             TaskRunner::CloseQueue(task);
@@ -318,7 +322,8 @@ struct Engine::State {
             task->SetFeaturePolicy(nullptr);
             return false;
         }
-        FW_LOG_INFO("[Framework] Task (%s) registered, start delay (%d) s", name, delay);
+        SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Framework] Task (%s) registered, start delay (%d) s",
+                     name, delay);
         return true;
     }
 
@@ -472,7 +477,8 @@ bool Engine::DeliverPolicy(const std::string& key, const std::string& name, cons
     m_state->ReapZombies();
     std::lock_guard<std::recursive_mutex> delivery(m_state->deliveryMutex);
     if (m_state->delivering) {
-        FW_LOG_ERROR("[Framework] Policy (%s) for key (%s) refused: delivered from inside a policy callback",
+        SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
+                     "[Framework] Policy (%s) for key (%s) refused: delivered from inside a policy callback",
                      name, key);
         return false;
     }
@@ -504,12 +510,14 @@ bool Engine::DeliverPolicy(const std::string& key, const std::string& name, cons
             }
         }
     } catch (const std::exception& e) {
-        FW_LOG_ERROR("[Framework] Policy (%s) for key (%s) failed in its callback: %s", name, key,
+        SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
+                     "[Framework] Policy (%s) for key (%s) failed in its callback: %s", name, key,
                      std::string(e.what()));
         return false;
     }
     if (server == nullptr) {
-        FW_LOG_WARNING("[Framework] Policy (%s) for key (%s) dropped: no module takes it", name, key);
+        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
+                     "[Framework] Policy (%s) for key (%s) dropped: no module takes it", name, key);
         return false;
     }
 
@@ -526,7 +534,8 @@ bool Engine::DeliverPolicy(const std::string& key, const std::string& name, cons
         try {
             fresh->Dispatch(nullptr);
         } catch (const std::exception& e) {
-            FW_LOG_ERROR("[Framework] Policy (%s) for key (%s) failed to dispatch: %s", name, key,
+            SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
+                         "[Framework] Policy (%s) for key (%s) failed to dispatch: %s", name, key,
                          std::string(e.what()));
         }
         std::lock_guard<std::mutex> lock(m_state->registryMutex);
@@ -536,7 +545,8 @@ bool Engine::DeliverPolicy(const std::string& key, const std::string& name, cons
     if (previous != nullptr && previous != fresh) {
         m_state->Retire(previous, previousServer);
     }
-    FW_LOG_INFO("[Framework] Policy (%s) for key (%s) is current", name, key);
+    SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Framework] Policy (%s) for key (%s) is current", name,
+                 key);
     m_state->Reclaim();
     return true;
 }
@@ -589,7 +599,8 @@ void Engine::ReleasePolicies(Module* module) {
         }
     }
     for (const std::string& name : users) {
-        FW_LOG_WARNING(
+        SDK_ROOT_LOG(
+            Poco::Message::PRIO_WARNING,
             "[Framework] Task (%s) still registered while its policies are released; unregistering it", name);
         m_state->UnRegister(name);
     }
@@ -664,7 +675,8 @@ bool Engine::SendMessage(const std::string& name, Message* msg) {
         }
     }
     if (runner == nullptr) {
-        FW_LOG_WARNING("[Framework] No task (%s): message of type (%s) dropped", name, msg->GetType());
+        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING, "[Framework] No task (%s): message of type (%s) dropped",
+                     name, msg->GetType());
         delete msg;
         return false;
     }

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <thread>
 
-#include "Log.h"
 #include "framework/Engine.h"
 #include "framework/PolicyCallback.h"
 #include "framework/Task.h"
+#include "sdk/LogStatement.h"
 
 namespace Framework {
 
@@ -114,7 +114,8 @@ bool Module::RegisterPolicyCallback(const std::string& key, AbstractPolicyCallba
             return true;
         }
     }
-    FW_LOG_WARNING("[Framework] Module (%s) has a policy callback for key (%s) already", m_name, key);
+    SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
+                 "[Framework] Module (%s) has a policy callback for key (%s) already", m_name, key);
     delete callback;
     return false;
 }
@@ -151,7 +152,8 @@ bool Module::HasPolicyCallback(const std::string& key) const {
 bool Module::RegisterTask(Task* task, bool adopt) {
     Engine* engine = Engine::Instance();
     if (engine == nullptr) {
-        FW_LOG_ERROR("[Framework] Module (%s) cannot register a task: no engine", m_name);
+        SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Framework] Module (%s) cannot register a task: no engine",
+                     m_name);
         return false;
     }
     if (task == nullptr) {

@@ -2,9 +2,9 @@
 
 #include <json/json.h>
 
-#include "Log.h"
 #include "framework/Engine.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/LogStatement.h"
 
 namespace Framework {
 
@@ -78,20 +78,23 @@ void TaskPolicy::Dispatch(Policy* parent) {
 bool TaskPolicy::ParseCondition(const std::string& text) {
     Json::Value root;
     if (SDK::JsonUtils::ParseJsonStr(text.c_str(), text.size(), root) != SDK::JsonUtils::kParseOk) {
-        FW_LOG_ERROR("[Framework] task_condition of (%s) rejected: not a JSON object", m_name);
+        SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
+                     "[Framework] task_condition of (%s) rejected: not a JSON object", m_name);
         return false;
     }
     TaskCondition condition;
     for (const std::string& key : root.getMemberNames()) {
         const Json::Value& value = root[key];
         if (key != "start_delay_s") {
-            FW_LOG_ERROR("[Framework] task_condition of (%s) rejected: unknown key (%s)", m_name, key);
+            SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
+                         "[Framework] task_condition of (%s) rejected: unknown key (%s)", m_name, key);
             return false;
         }
         // Integers only: 5.0 or "5" are as wrong as a bool here.
         const bool integral = value.type() == Json::intValue || value.type() == Json::uintValue;
         if (!integral || !value.isInt() || value.asInt() < 0 || value.asInt() > kMaxStartDelaySeconds) {
-            FW_LOG_ERROR(
+            SDK_ROOT_LOG(
+                Poco::Message::PRIO_ERROR,
                 "[Framework] task_condition of (%s) rejected: start_delay_s must be an integer 0..%d", m_name,
                 kMaxStartDelaySeconds);
             return false;

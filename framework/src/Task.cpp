@@ -6,10 +6,10 @@
 #include <exception>
 #include <mutex>
 
-#include "Log.h"
 #include "TaskRunner.h"
 #include "framework/Engine.h"
 #include "framework/Message.h"
+#include "sdk/LogStatement.h"
 
 namespace Framework {
 
@@ -54,7 +54,8 @@ void Task::runTask() {
     try {
         result = Run();
     } catch (const std::exception& e) {
-        FW_LOG_ERROR("[Framework] Task (%s) Run failed: %s", name(), std::string(e.what()));
+        SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Framework] Task (%s) Run failed: %s", name(),
+                     std::string(e.what()));
         result = -1;
     }
     std::lock_guard<std::mutex> lock(m_queue->mutex);
@@ -114,8 +115,8 @@ bool Task::EnqueueMsg(Message* msg) {
             return true;
         }
     }
-    FW_LOG_WARNING("[Framework] Task (%s) dropped a message of type (%s): %s", name(), msg->GetType(),
-                   refusal);
+    SDK_ROOT_LOG(Poco::Message::PRIO_WARNING, "[Framework] Task (%s) dropped a message of type (%s): %s",
+                 name(), msg->GetType(), refusal);
     delete msg;
     return false;
 }
@@ -134,8 +135,9 @@ bool Task::SendDirectMsg(const std::string& taskName, Message* msg) {
     }
     Engine* engine = Engine::Instance();
     if (engine == nullptr) {
-        FW_LOG_WARNING("[Framework] No engine: message of type (%s) to task (%s) dropped", msg->GetType(),
-                       taskName);
+        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
+                     "[Framework] No engine: message of type (%s) to task (%s) dropped", msg->GetType(),
+                     taskName);
         delete msg;
         return false;
     }
@@ -177,8 +179,9 @@ void Task::CloseQueue() {
         m_queue->changed.notify_all();
     }
     if (!left.empty()) {
-        FW_LOG_WARNING("[Framework] Task (%s) stopped with (%?u) unhandled messages; dropped", name(),
-                       left.size());
+        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
+                     "[Framework] Task (%s) stopped with (%?u) unhandled messages; dropped", name(),
+                     left.size());
     }
     for (Message* msg : left) {
         delete msg;

@@ -1,15 +1,10 @@
 #pragma once
 
 #include "framework/Module.h"
-#include "sdk/LoggerUtils.h"
-#include "sdk/PathUtils.h"
+#include "sdk/LogStatement.h"
 
-#include <Poco/Channel.h>
-#include <Poco/Format.h>
 #include <Poco/Logger.h>
-#include <Poco/Message.h>
 
-#include <exception>
 #include <string>
 
 namespace Framework {
@@ -54,47 +49,14 @@ Poco::Logger* GetLoggerPtr();
 // The agent's root logger.
 Poco::Logger* GetRootLoggerPtr();
 
-using LoggerGetter = Poco::Logger* (*)();
-
-// One log statement, written the one way the module logs: fetch the logger, do nothing when it is
-// missing or its level does not admit `prio` (the text is not even formatted), format with
-// Poco::format, and hand the channel a Poco::Message with the logger's name, the text, the
-// priority, the source file's base name and `line`. Any exception is dropped.
-template <typename... Args>
-void LogStatement(LoggerGetter getLogger, Poco::Message::Priority prio, const char* path, int line,
-                  const char* fmt, const Args&... args) {
-    try {
-        Poco::Logger* logger = getLogger();
-        if (logger == nullptr || !logger->is(prio)) {
-            return;
-        }
-        const char* file = SDK::PathUtils::GetFileNameFromPath(path);
-        std::string text;
-        if constexpr (sizeof...(Args) == 0) {
-            text = fmt;
-        } else {
-            text = Poco::format(std::string(fmt), args...);
-        }
-        logger = getLogger();
-        if (logger == nullptr || !logger->is(prio) || logger->getChannel() == nullptr) {
-            return;
-        }
-        logger->getChannel()->log(Poco::Message(logger->name(), text, prio, file, line));
-    } catch (const std::exception&) {
-        // Logging never throws to its caller.
-    }
-}
-
 }  // namespace PortScan
 }  // namespace Engine
 
-// Through the module logger / the agent's root logger. The format arguments must match
-// Poco::format's conversions (%s takes std::string, %hu unsigned short, %lu unsigned long, ...).
+// A log statement through the module logger / the agent's root logger (see SDK::LogStatement).
 #define PORTSCAN_LOG(prio, ...) \
-    ::Engine::PortScan::LogStatement(&::Engine::PortScan::GetLoggerPtr, prio, __FILE__, __LINE__, __VA_ARGS__)
-#define PORTSCAN_ROOT_LOG(prio, ...)                                                                  \
-    ::Engine::PortScan::LogStatement(&::Engine::PortScan::GetRootLoggerPtr, prio, __FILE__, __LINE__, \
-                                     __VA_ARGS__)
+    ::SDK::LogStatement(&::Engine::PortScan::GetLoggerPtr, prio, __FILE__, __LINE__, __VA_ARGS__)
+#define PORTSCAN_ROOT_LOG(prio, ...) \
+    ::SDK::LogStatement(&::Engine::PortScan::GetRootLoggerPtr, prio, __FILE__, __LINE__, __VA_ARGS__)
 
 extern "C" {
 // The module's factory, the only symbol the host looks up. The caller owns the result.
