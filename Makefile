@@ -7,6 +7,10 @@ CONFIG    ?= config/agent.json
 
 CMAKE_COMMON = -DCMAKE_BUILD_TYPE=Release
 
+# Recipes pipe ctest through tee: a failing test must still fail the recipe.
+SHELL := /bin/bash
+.SHELLFLAGS := -o pipefail -c
+
 .PHONY: all deps build run check test test-asan test-tsan demo format clean
 
 all: build
@@ -24,20 +28,23 @@ run: build
 # Every test, then the unit tests again under AddressSanitizer + UndefinedBehaviorSanitizer, then
 # the concurrency stress tests under ThreadSanitizer.
 check: build
-	cd $(BUILD) && ctest --output-on-failure --timeout 600
+	cd $(BUILD) && ctest --output-on-failure --timeout 600 | tee ctest.log
 	$(MAKE) test-asan test-tsan
+	@cat $(BUILD)/ctest.log $(ASAN_BUILD)/ctest.log $(TSAN_BUILD)/ctest.log \
+	  | awk '/tests passed, [0-9]+ tests failed out of/ { failed += $$4; total += $$NF } \
+	         END { printf "check: %d passed, %d failed\n", total - failed, failed }'
 
 test-asan:
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DHOSTAGENT_SANITIZE=address,undefined \
 	      -DHOSTAGENT_BUILD_BENCH=OFF
 	cmake --build $(ASAN_BUILD) -j$(JOBS)
-	cd $(ASAN_BUILD) && ctest --output-on-failure -L unit
+	cd $(ASAN_BUILD) && ctest --output-on-failure -L unit | tee ctest.log
 
 test-tsan:
 	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DHOSTAGENT_SANITIZE=thread \
 	      -DHOSTAGENT_BUILD_BENCH=OFF
 	cmake --build $(TSAN_BUILD) -j$(JOBS) --target tsan_tests
-	cd $(TSAN_BUILD) && ctest --output-on-failure -L tsan
+	cd $(TSAN_BUILD) && ctest --output-on-failure -L tsan | tee ctest.log
 
 # A two-namespace lab: the agent watches one host while nmap scans it from the other.
 demo: build
