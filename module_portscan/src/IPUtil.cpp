@@ -76,26 +76,28 @@ bool IsIpv6Start(const std::string& piece) {
 // ---------------------------------------------------------------------------------------------
 // Address text
 
-bool IPUtil::is_ipv4_format(const char* text) {
+namespace {
+
+// Whether `family`'s inet_pton accepts the trimmed text up to its first '/'.
+bool IsAddressOf(int family, const char* text) {
     if (text == nullptr) {
         return false;
     }
     std::string address;
     std::string prefix;
     SplitAtSlash(text, address, prefix);
-    in_addr value;
-    return inet_pton(AF_INET, address.c_str(), &value) > 0;
+    in6_addr value;  // room for either family
+    return inet_pton(family, address.c_str(), &value) > 0;
+}
+
+}  // namespace
+
+bool IPUtil::is_ipv4_format(const char* text) {
+    return IsAddressOf(AF_INET, text);
 }
 
 bool IPUtil::is_ipv6_format(const char* text) {
-    if (text == nullptr) {
-        return false;
-    }
-    std::string address;
-    std::string prefix;
-    SplitAtSlash(text, address, prefix);
-    in6_addr value;
-    return inet_pton(AF_INET6, address.c_str(), &value) > 0;
+    return IsAddressOf(AF_INET6, text);
 }
 
 bool IPUtil::is_valid_ip(const char* text) const {
@@ -347,52 +349,51 @@ void convert_unchar_to_str(char* out, int outSize, const unsigned char* bytes, i
 // ---------------------------------------------------------------------------------------------
 // White-list ranges
 
-bool IPUtil::parse_ip_ranges(const char* text, std::vector<IP_RANGE>& ranges) {
+namespace {
+
+// The list syntax both white-list parsers share: comma-separated pieces, each "all", "a-b" or a
+// single address or block. Pieces that `looksLike` refuses, or that `convert` (one side of a range
+// to its first or last address) cannot read, are skipped.
+template <typename Range, typename LooksLike, typename Convert>
+bool ParseRangeList(const char* text, std::vector<Range>& ranges, const Range& all, LooksLike looksLike,
+                    Convert convert) {
     ranges.clear();
     if (text == nullptr) {
         return false;
     }
     for (const auto& piece : SplitList(text)) {
-        IP_RANGE range;
         if (piece == "all") {
-            ranges.push_back(IP_RANGE{0, kAllOnes});
+            ranges.push_back(all);
             continue;
         }
-        if (!IsIpv4Start(piece)) {
+        if (!looksLike(piece)) {
             continue;
         }
         size_t dash = piece.find('-');
         std::string left = dash == std::string::npos ? piece : piece.substr(0, dash);
         std::string right = dash == std::string::npos ? piece : piece.substr(dash + 1);
-        if (transfor_ip(left.c_str(), true, &range.start) && transfor_ip(right.c_str(), false, &range.end)) {
+        Range range{};
+        if (convert(left, true, range.start) && convert(right, false, range.end)) {
             ranges.push_back(range);
         }
     }
     return !ranges.empty();
 }
 
+}  // namespace
+
+bool IPUtil::parse_ip_ranges(const char* text, std::vector<IP_RANGE>& ranges) {
+    return ParseRangeList(text, ranges, IP_RANGE{0, kAllOnes}, IsIpv4Start,
+                          [](const std::string& side, bool isStart, unsigned int& out) {
+                              return transfor_ip(side.c_str(), isStart, &out);
+                          });
+}
+
 bool IPUtil::parse_ip6_ranges(const char* text, std::vector<IP6_RANGE>& ranges) {
-    ranges.clear();
-    if (text == nullptr) {
-        return false;
-    }
-    for (const auto& piece : SplitList(text)) {
-        IP6_RANGE range;
-        if (piece == "all") {
-            ranges.push_back(IP6_RANGE{std::string(32, '0'), std::string(32, 'f')});
-            continue;
-        }
-        if (!IsIpv6Start(piece)) {
-            continue;
-        }
-        size_t dash = piece.find('-');
-        std::string left = dash == std::string::npos ? piece : piece.substr(0, dash);
-        std::string right = dash == std::string::npos ? piece : piece.substr(dash + 1);
-        if (transfor_ip6(left.c_str(), true, range.start) && transfor_ip6(right.c_str(), false, range.end)) {
-            ranges.push_back(range);
-        }
-    }
-    return !ranges.empty();
+    return ParseRangeList(text, ranges, IP6_RANGE{std::string(32, '0'), std::string(32, 'f')}, IsIpv6Start,
+                          [](const std::string& side, bool isStart, std::string& out) {
+                              return transfor_ip6(side.c_str(), isStart, out);
+                          });
 }
 
 bool IPUtil::is_ip_in_range(const char* ip, const std::vector<IP_RANGE>& ranges) {

@@ -67,6 +67,17 @@ unsigned int FirstWord(const rtattr* attribute) {
     return word;
 }
 
+// A message header naming the netlink peer `address`, over the one buffer `vector`.
+msghdr NetlinkMessage(sockaddr_nl* address, iovec* vector) {
+    msghdr message;
+    memset_s(&message, sizeof(message), 0, sizeof(message));
+    message.msg_name = address;
+    message.msg_namelen = sizeof(sockaddr_nl);
+    message.msg_iov = vector;
+    message.msg_iovlen = 1;
+    return message;
+}
+
 }  // namespace
 
 void SocketUtil::CreateRawSocket(int& fd) {
@@ -264,12 +275,7 @@ int SocketUtil::SendNetlinkMsg(int fd, sockaddr_nl* address) {
     iovec vector;
     vector.iov_base = &request;
     vector.iov_len = request.header.nlmsg_len;
-    msghdr message;
-    memset_s(&message, sizeof(message), 0, sizeof(message));
-    message.msg_name = address;
-    message.msg_namelen = sizeof(sockaddr_nl);
-    message.msg_iov = &vector;
-    message.msg_iovlen = 1;
+    msghdr message = NetlinkMessage(address, &vector);
     return static_cast<int>(sendmsg(fd, &message, 0));
 }
 
@@ -280,12 +286,7 @@ bool SocketUtil::RecvNetlinkMsg(int fd, sockaddr_nl* address, std::vector<RouteT
     iovec vector;
     vector.iov_base = buffer;
     vector.iov_len = kNetlinkBufferSize;
-    msghdr message;
-    memset_s(&message, sizeof(message), 0, sizeof(message));
-    message.msg_name = address;
-    message.msg_namelen = sizeof(sockaddr_nl);
-    message.msg_iov = &vector;
-    message.msg_iovlen = 1;
+    msghdr message = NetlinkMessage(address, &vector);
 
     // A failed receive walks the zeroed buffer, whose first length field ends the walk at once.
     ssize_t received = recvmsg(fd, &message, 0);
@@ -379,12 +380,7 @@ bool SocketUtil::SendNetlinkMsgQuery(int sockfd, unsigned short port, int protoc
     iovec vector;
     vector.iov_base = &message;
     vector.iov_len = sizeof(message);
-    msghdr header;
-    memset_s(&header, sizeof(header), 0, sizeof(header));
-    header.msg_name = &destination;
-    header.msg_namelen = sizeof(destination);
-    header.msg_iov = &vector;
-    header.msg_iovlen = 1;
+    msghdr header = NetlinkMessage(&destination, &vector);
 
     for (int attempt = 0; attempt < kRetryTimes; ++attempt) {
         if (sendmsg(sockfd, &header, 0) >= 0) {
@@ -408,12 +404,7 @@ bool SocketUtil::RecvNetLinkMsgQuery(int sockfd, int& result, int /*protocol*/) 
     iovec vector;
     vector.iov_base = buffer;
     vector.iov_len = sizeof(buffer);
-    msghdr header;
-    memset_s(&header, sizeof(header), 0, sizeof(header));
-    header.msg_name = &source;
-    header.msg_namelen = sizeof(source);
-    header.msg_iov = &vector;
-    header.msg_iovlen = 1;
+    msghdr header = NetlinkMessage(&source, &vector);
 
     for (int attempt = 0; attempt < kRetryTimes; ++attempt) {
         ssize_t count = recvmsg(sockfd, &header, 0);
