@@ -553,27 +553,37 @@ bool IPUtil::FindIP(const std::vector<in_addr>& list, in_addr address) {
     return false;
 }
 
-bool IPUtil::get_local_ip_list_hl(std::vector<unsigned int>& list, bool skipLoopback) {
-    list.clear();
+namespace {
+
+// Calls `visit` with every IPv4 address of this host's interfaces, in getifaddrs order. False, with
+// the error line, when the interface list cannot be read.
+template <typename Visit>
+bool ForEachLocalIpv4(Visit visit) {
     ifaddrs* interfaces = nullptr;
     if (getifaddrs(&interfaces) != 0) {
         PORTSCAN_ROOT_LOG(Poco::Message::PRIO_ERROR, "get local ip list failed.");
         return false;
     }
     for (const ifaddrs* entry = interfaces; entry != nullptr; entry = entry->ifa_next) {
-        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) {
-            continue;
+        if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET) {
+            visit(reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr);
         }
-        const unsigned int host =
-            ntohl(reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr.s_addr);
-        // Only 127.0.0.0/24 counts as loopback here.
-        if (skipLoopback && (host >> 8) == 0x7F0000u) {
-            continue;
-        }
-        list.push_back(host);
     }
     freeifaddrs(interfaces);
     return true;
+}
+
+}  // namespace
+
+bool IPUtil::get_local_ip_list_hl(std::vector<unsigned int>& list, bool skipLoopback) {
+    list.clear();
+    return ForEachLocalIpv4([&](const in_addr& address) {
+        const unsigned int host = ntohl(address.s_addr);
+        // Only 127.0.0.0/24 counts as loopback here.
+        if (!(skipLoopback && (host >> 8) == 0x7F0000u)) {
+            list.push_back(host);
+        }
+    });
 }
 
 bool IPUtil::GetLocalhostIp(std::vector<unsigned int>& list) {
@@ -582,28 +592,16 @@ bool IPUtil::GetLocalhostIp(std::vector<unsigned int>& list) {
 
 bool IPUtil::get_local_ip_list(std::vector<std::string>& list, bool skipLoopback) {
     list.clear();
-    ifaddrs* interfaces = nullptr;
-    if (getifaddrs(&interfaces) != 0) {
-        PORTSCAN_ROOT_LOG(Poco::Message::PRIO_ERROR, "get local ip list failed.");
-        return false;
-    }
-    for (const ifaddrs* entry = interfaces; entry != nullptr; entry = entry->ifa_next) {
-        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) {
-            continue;
-        }
+    return ForEachLocalIpv4([&](const in_addr& address) {
         char text[16];
         memset_s(text, sizeof(text), 0, sizeof(text));
-        if (inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr, text,
-                      sizeof(text)) == nullptr) {
-            continue;
+        if (inet_ntop(AF_INET, &address, text, sizeof(text)) == nullptr) {
+            return;
         }
-        if (skipLoopback && strncmp(text, "127.0.0.", 8) == 0) {
-            continue;
+        if (!(skipLoopback && strncmp(text, "127.0.0.", 8) == 0)) {
+            list.push_back(text);
         }
-        list.push_back(text);
-    }
-    freeifaddrs(interfaces);
-    return true;
+    });
 }
 
 bool IPUtil::getipv4(const char* host, std::vector<std::string>& list) {
