@@ -359,8 +359,8 @@ bool CollectPortInfoTask::DoPortScan(int& errCount, int& pktCount) {
 }
 
 bool CollectPortInfoTask::DrainSocketQueue(int sockFd, int& pktCount, int& errCount) {
-    // The socket blocks: every read, the first included, comes after a look at the queue, since a
-    // wake-up may announce a frame that the previous drain already took.
+    // The socket blocks: every read, the first included, comes after a look at the queue shows a
+    // frame, so a drain never waits in recv.
     pollfd queued{sockFd, POLLIN, 0};
     bool result = true;
     for (int frames = 0; result && m_running && m_monitorStatus == MONITOR_LIST_NORMAL; ++frames) {
