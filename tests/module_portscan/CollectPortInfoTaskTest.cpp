@@ -484,23 +484,6 @@ struct FakeCapture {
     int pair[2] = {-1, -1};
 };
 
-TEST(PortScanTaskPolicySwitches, OffUnlessTheKeyIsTheJsonTrue) {
-    const char* keys[] = {"drain_socket_queue", "exact_port_lookup", "dual_stack_occupancy", "prompt_alarms"};
-    for (const std::string value : {"", "true", "false", "1", "\"true\""}) {
-        for (const char* key : keys) {
-            PortScanTaskPolicy policy("port_scan_task");
-            const std::string extra = value.empty() ? "" : "," + std::string("\"") + key + "\":" + value;
-            ASSERT_TRUE(policy.Parse(R"({"monitor_list":[],"task_condition":{})" + extra + "}"));
-            const std::vector<bool> on = {policy.IsDrainSocketQueue(), policy.IsExactPortLookup(),
-                                          policy.IsDualStackOccupancy(), policy.IsPromptAlarms()};
-            for (std::size_t i = 0; i < on.size(); ++i) {
-                EXPECT_EQ(value == "true" && key == keys[i], on[i])
-                    << key << "=" << value << " read " << keys[i];
-            }
-        }
-    }
-}
-
 // Off: one frame per wake-up. On: up to the bound, the rest at the next wait although no new frame
 // came; the packet budget still stops the task at the first frame above it.
 TEST_F(CollectTaskTest, DrainReadsQueuedFramesUpToTheBoundAndWithinTheBudget) {
