@@ -47,12 +47,13 @@ struct PortInfoNode {
     uint32_t port;                      // local port, host order
     uint32_t type;                      // 0 TCP, 1 UDP
     int32_t alarmNum;                   // packets a classifier took for a scan
-    uint32_t ipNum;                     // distinct remote hosts, == remoteIps.size()
+    uint32_t ipNum;                     // distinct remote hosts of both families, == sum of the lists' sizes
     uint32_t pkgNum;                    // packets received
     bool isUsed;                        // a local program uses the port
     uint64_t auxValue;                  // carried value; 0 when created and in every copy
     std::vector<AlarmInfo> alarmInfos;  // alarms not yet reported, oldest first
     std::vector<in_addr> remoteIps;     // distinct sources, network order, first seen first
+    std::vector<in6_addr> remoteIp6s;   // distinct IPv6 sources, first seen first (IPv6 capture)
 
     PortInfoNode();
     PortInfoNode(uint32_t port, uint32_t type);
@@ -66,6 +67,7 @@ struct PortInfoNode {
 
 // True when `ip` is in `list` (linear search by value).
 bool ContainsIP(const std::vector<in_addr>& list, in_addr ip);
+bool ContainsIP6(const std::vector<in6_addr>& list, const in6_addr& ip);
 
 // "port_scan_task": owns the capture socket, the monitored ports, the frozen ports and the
 // classifier chain, and runs the capture loop with its one-minute tick.
@@ -120,6 +122,9 @@ public:
     bool IsPortOccupied(int protocol, unsigned short port);
     void PortOccupied(int protocol, unsigned short port);
     bool IsPortInUse(unsigned int port, unsigned int protocol);
+    // For an IPv6 probe: IPv6 sockets first, then IPv4 ones, which count as well (a dual-stack
+    // client that tries IPv6 first is no scanner of a port an IPv4 service holds). Status as above.
+    void CheckPortStatus6(unsigned short port, int& status, int protocol);
 
     // Alarms. With "prompt_alarms" the loop calls SendPortAlarm right after the wake-up in which a
     // port crossed the threshold, besides the minute tick.
@@ -131,8 +136,16 @@ public:
     // Debug dump of the policy ports and the frozen ports.
     void PrintPortInfo();
 
-    // Binds the capture socket to the master interface. True only when the bind failed.
+    // Binds the capture socket (or `fd`) to the master interface. True only when the bind failed.
     bool BindMasterInterface() const;
+    bool BindMasterInterface(int fd) const;
+
+    // IPv6 capture ("ipv6"): the second packet socket, in the same epoll set, built right after the
+    // IPv4 socket's filter, reloaded and closed with it. A failure costs IPv6 capture only (error
+    // line, socket closed); the next reload tries again.
+    void OpenCapture6(const std::vector<long>& ports);
+    void ReloadCapture6(const std::vector<long>& ports);
+    void CloseCapture6();
 
 private:
     // The task policy, read anew at each use (with the activity mark made first).
@@ -160,6 +173,7 @@ private:
     bool m_firstRun;
     int m_sockFd;
     int m_epollFd;
+    int m_sock6Fd;                 // IPv6 capture socket, -1 when there is none
     ComputeChain* m_computeChain;  // owning, head of the classifier chain
     long m_lastTickTime;           // last one-minute tick (s)
     bool m_alarmPending;           // "prompt_alarms": a port crossed the threshold since the last send

@@ -53,6 +53,17 @@ public:
     static bool get_local_ip_list(std::vector<std::string>& list, bool skipLoopback);
     static bool getipv4(const char* host, std::vector<std::string>& list);
     static bool is_localhost_ip(const std::string& address);
+
+    // IPv6 capture.
+    // This host's IPv6 addresses in getifaddrs order, ::1 left out (link-local ones are kept: a
+    // neighbour reaches them). False, with the IPv4 list's error line, when the list cannot be read.
+    static bool GetLocalhostIp6(std::vector<in6_addr>& list);
+    // Private for IPv6: unique-local (fc00::/7) or link-local (fe80::/10).
+    static bool IsIntraIp6List(const in6_addr& address);
+    // The white-list test for an IPv6 source, with IsWhiteIpList's hit line.
+    static bool IsWhiteIp6List(const char* ip, const std::vector<IP6_RANGE>& ranges);
+    // The RFC 5952 text of `address` (inet_ntop).
+    static std::string Ip6Text(const in6_addr& address);
 };
 
 // IPv6 and mask helpers behind the IPUtil conversions.

@@ -58,6 +58,10 @@ public:
     bool IsDualStackOccupancy() const { return m_dualStackOccupancy; }
     // Send an alarm as soon as its port crosses the threshold instead of at the minute tick.
     bool IsPromptAlarms() const { return m_promptAlarms; }
+    // Capture IPv6 frames too, on a second packet socket ("ipv6").
+    bool IsIpv6Enable() const { return m_ipv6; }
+    // IPv6 ranges of remote hosts whose packets never raise alarms ("white_ip6_list").
+    const std::vector<IP6_RANGE>& GetWhiteIp6List() const { return m_whiteIp6List; }
 
     // Replaces the record with the same port and type by a copy of `node`; a pair the policy does
     // not name is not added.
@@ -77,6 +81,8 @@ private:
     bool m_exactPortLookup;
     bool m_dualStackOccupancy;
     bool m_promptAlarms;
+    bool m_ipv6;
+    std::vector<IP6_RANGE> m_whiteIp6List;
 };
 
 }  // namespace Engine

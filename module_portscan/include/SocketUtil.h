@@ -1,5 +1,6 @@
 #pragma once
 
+#include <linux/filter.h>
 #include <linux/netlink.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -17,6 +18,10 @@ struct PacketNode {
     unsigned short remotePort;  // source port, host order
     int type;                   // 0 TCP, 1 UDP
     std::string flag;           // TCP flag text ("SYN", "SYN,ACK", ...); empty for UDP
+    // Frames of the IPv6 capture socket only: the two IPv4 addresses above stay zero.
+    bool isIpv6 = false;
+    in6_addr localAddress6{};   // destination address (this host)
+    in6_addr remoteAddress6{};  // source address (the prober)
 };
 
 // One IPv4 route of the kernel's main table.
@@ -42,6 +47,24 @@ public:
     static bool LoadPortBpfRules(int fd, std::vector<long> ports);
     // Discards up to 301 frames already queued on `fd`.
     static void ClearSocketBuff(int fd);
+
+    // IPv6 capture (task policy "ipv6"): a second packet socket, for ETH_P_IPV6 frames, with the
+    // same attempts and log lines as CreateRawSocket.
+    static void CreateRawSocket6(int& fd);
+    // The IPv6 filter: IPv6 frames whose next header (directly after the fixed header) is TCP or
+    // UDP, destination one of `addresses`, source none of them, destination port one of `ports`
+    // (any when `ports` is empty); admitted frames are cut to the Ethernet, IPv6 and TCP headers.
+    // No address admits nothing. False, with an error line, when a jump offset would not fit its
+    // 8 bits or the program exceeds the kernel's length limit.
+    static bool BuildPort6BpfProgram(const std::vector<in6_addr>& addresses, const std::vector<long>& ports,
+                                     std::vector<sock_filter>& program);
+    // Builds the IPv6 filter for `ports` and the host's IPv6 addresses (::1 excluded) and attaches
+    // it. True when attached; false leaves the previous filter in place.
+    static bool LoadPort6BpfRules(int fd, std::vector<long> ports);
+    // Fills `node` (isIpv6 set) from an IPv6 Ethernet frame of `length` received bytes. False, with
+    // `node` untouched, for a short frame, a frame that is not IPv6, or a next header other than TCP
+    // or UDP (extension headers included).
+    static bool ParsePacket6(const char* frame, unsigned long length, PacketNode* node);
 
     // Fills `node` from an Ethernet frame of `length` bytes. True for a TCP or UDP frame.
     static bool ParsePacket(char* frame, unsigned long length, PacketNode* node);

@@ -122,6 +122,16 @@ void QueryPortStatus(unsigned short port, int& status, int protocol, int family)
     close(fd);
 }
 
+// Adds the answer for `family` to the `status` of a first query: in use when either family holds the
+// port; otherwise a failed query of either family shows.
+void MergeFamilyStatus(unsigned short port, int& status, int protocol, int family) {
+    int familyStatus = 1;
+    QueryPortStatus(port, familyStatus, protocol, family);
+    if (familyStatus != 1) {
+        status = familyStatus;
+    }
+}
+
 std::vector<long> CollectPorts(const std::set<PortInfoNode>& set) {
     std::vector<long> ports;
     ports.reserve(set.size());
@@ -157,12 +167,14 @@ PortInfoNode::PortInfoNode(const PortInfoNode& other)
       auxValue(0) {
     alarmInfos = other.alarmInfos;
     remoteIps = other.remoteIps;
+    remoteIp6s = other.remoteIp6s;
 }
 
 PortInfoNode::~PortInfoNode() {
     // Release the storage explicitly, not only the elements.
     std::vector<AlarmInfo>().swap(alarmInfos);
     std::vector<in_addr>().swap(remoteIps);
+    std::vector<in6_addr>().swap(remoteIp6s);
 }
 
 bool PortInfoNode::operator<(const PortInfoNode& other) const {
@@ -173,6 +185,15 @@ bool PortInfoNode::operator<(const PortInfoNode& other) const {
 bool ContainsIP(const std::vector<in_addr>& list, in_addr ip) {
     for (const in_addr& entry : list) {
         if (entry.s_addr == ip.s_addr) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool ContainsIP6(const std::vector<in6_addr>& list, const in6_addr& ip) {
+    for (const in6_addr& entry : list) {
+        if (IN6_ARE_ADDR_EQUAL(&entry, &ip)) {
             return true;
         }
     }
@@ -194,6 +215,7 @@ CollectPortInfoTask::CollectPortInfoTask()
       m_firstRun(false),
       m_sockFd(0),
       m_epollFd(0),
+      m_sock6Fd(-1),
       m_computeChain(nullptr),
       m_lastTickTime(0),
       m_alarmPending(false) {}
@@ -242,6 +264,7 @@ void CollectPortInfoTask::InitFieldVars() {
     m_monitorStatus = MONITOR_LIST_NORMAL;
     m_sockFd = -1;
     m_epollFd = -1;
+    m_sock6Fd = -1;
     m_lastTickTime = 0;
     m_alarmPending = false;
 
@@ -355,7 +378,9 @@ bool CollectPortInfoTask::DoPortScan(int& errCount, int& pktCount) {
     if (IsExtensionOn(&PortScanTaskPolicy::IsDrainSocketQueue)) {
         return DrainSocketQueue(event.data.fd, pktCount, errCount);
     }
-    return HandleSocketBuffer(m_sockFd, pktCount, errCount);
+    // The IPv6 socket shares the epoll set; every other event reads the IPv4 socket.
+    const int sockFd = (m_sock6Fd != -1 && event.data.fd == m_sock6Fd) ? m_sock6Fd : m_sockFd;
+    return HandleSocketBuffer(sockFd, pktCount, errCount);
 }
 
 bool CollectPortInfoTask::DrainSocketQueue(int sockFd, int& pktCount, int& errCount) {
@@ -396,7 +421,11 @@ bool CollectPortInfoTask::HandleSocketBuffer(int sockFd, int& pktCount, int& err
             return false;
         }
         PacketNode node{};
-        if (SocketUtil::ParsePacket(buffer, kRecvBufferSize, &node) && !CheckPortOccupied(node)) {
+        const bool parsed =
+            (m_sock6Fd != -1 && sockFd == m_sock6Fd)
+                ? SocketUtil::ParsePacket6(buffer, static_cast<unsigned long>(received), &node)
+                : SocketUtil::ParsePacket(buffer, kRecvBufferSize, &node);
+        if (parsed && !CheckPortOccupied(node)) {
             HandlePacket(node, kRecvBufferSize);
         }
         return true;
@@ -459,7 +488,11 @@ bool CollectPortInfoTask::CheckPortOccupied(const PacketNode& pkt) {
         return true;
     }
     int status = 1;  // a query that cannot even start must not hide scan evidence
-    CheckPortStatus(pkt.localPort, status, pkt.type);
+    if (pkt.isIpv6) {
+        CheckPortStatus6(pkt.localPort, status, pkt.type);
+    } else {
+        CheckPortStatus(pkt.localPort, status, pkt.type);
+    }
     if (status != 0) {
         return false;
     }
@@ -518,14 +551,20 @@ void CollectPortInfoTask::FillAlarmInfo(PortInfoNode& node, const PacketNode& pk
     AlarmInfo info;
     // Half-open and FIN probes are TCP by their nature; only a common scan can be UDP.
     info.protocol = (alarmType == kCommonScanType && pkt.type == kUdpType) ? "UDP" : "TCP";
-    info.remoteAddress = inet_ntoa(pkt.remoteAddress);
-    info.localAddress = inet_ntoa(pkt.localAddress);
+    info.remoteAddress = pkt.isIpv6 ? IPUtil::Ip6Text(pkt.remoteAddress6) : inet_ntoa(pkt.remoteAddress);
+    info.localAddress = pkt.isIpv6 ? IPUtil::Ip6Text(pkt.localAddress6) : inet_ntoa(pkt.localAddress);
     info.remotePort = pkt.remotePort;
     info.flag = pkt.flag;
     info.alarmType = alarmType;
     node.alarmInfos.push_back(info);
 
-    if (!ContainsIP(node.remoteIps, pkt.remoteAddress)) {
+    // Hosts are counted across both families.
+    if (pkt.isIpv6) {
+        if (!ContainsIP6(node.remoteIp6s, pkt.remoteAddress6)) {
+            node.remoteIp6s.push_back(pkt.remoteAddress6);
+            ++node.ipNum;
+        }
+    } else if (!ContainsIP(node.remoteIps, pkt.remoteAddress)) {
         node.remoteIps.push_back(pkt.remoteAddress);
         ++node.ipNum;
     }
@@ -673,6 +712,7 @@ bool CollectPortInfoTask::PortCreated() {
         return false;
     }
     SocketUtil::ClearSocketBuff(m_sockFd);
+    OpenCapture6(ports);
     m_socketReady = true;
     m_monitorStatus = MONITOR_LIST_NORMAL;
     return true;
@@ -692,12 +732,14 @@ bool CollectPortInfoTask::PortChanged() {
     }
     // Frames admitted by the old filter must not count under the new port set.
     SocketUtil::ClearSocketBuff(m_sockFd);
+    ReloadCapture6(ports);
     m_monitorStatus = MONITOR_LIST_NORMAL;
     return true;
 }
 
 bool CollectPortInfoTask::PortCleared() {
     PORTSCAN_LOG(Poco::Message::PRIO_DEBUG, "[PortScan] Monitor port clear!");
+    CloseCapture6();
     if (m_socketReady) {
         close(m_sockFd);
         m_sockFd = -1;
@@ -737,12 +779,14 @@ void CollectPortInfoTask::CheckPortStatus(unsigned short port, int& status, int 
     if (status == 0 || !IsExtensionOn(&PortScanTaskPolicy::IsDualStackOccupancy)) {
         return;
     }
-    // An IPv6 wildcard socket serves IPv4 clients too. In use when either family holds the port;
-    // otherwise a failed query of either family shows.
-    int ipv6Status = 1;
-    QueryPortStatus(port, ipv6Status, protocol, AF_INET6);
-    if (ipv6Status != 1) {
-        status = ipv6Status;
+    // An IPv6 wildcard socket serves IPv4 clients too.
+    MergeFamilyStatus(port, status, protocol, AF_INET6);
+}
+
+void CollectPortInfoTask::CheckPortStatus6(unsigned short port, int& status, int protocol) {
+    QueryPortStatus(port, status, protocol, AF_INET6);
+    if (status != 0) {
+        MergeFamilyStatus(port, status, protocol, AF_INET);
     }
 }
 
@@ -891,7 +935,7 @@ void CollectPortInfoTask::PrintPortInfo() {
             // The packet figure is alarmNum too; pkgNum is not shown.
             PORTSCAN_LOG(Poco::Message::PRIO_DEBUG,
                          "  Port %5u [%u]: Got %2d packet from %zu hosts. Alarm:%d", node.port, node.type,
-                         node.alarmNum, node.remoteIps.size(), node.alarmNum);
+                         node.alarmNum, node.remoteIps.size() + node.remoteIp6s.size(), node.alarmNum);
         } else {
             PORTSCAN_LOG(Poco::Message::PRIO_DEBUG, "  Port %5u: IS BEING USED.Alarm:%d", node.port,
                          node.alarmNum);
@@ -910,6 +954,10 @@ void CollectPortInfoTask::PrintPortInfo() {
 // Master interface binding
 
 bool CollectPortInfoTask::BindMasterInterface() const {
+    return BindMasterInterface(m_sockFd);
+}
+
+bool CollectPortInfoTask::BindMasterInterface(int fd) const {
     PORTSCAN_LOG(Poco::Message::PRIO_DEBUG, "[PortScan] Binding master interface!");
     std::vector<unsigned int> addresses;
     std::vector<RouteTable> routes;
@@ -928,12 +976,76 @@ bool CollectPortInfoTask::BindMasterInterface() const {
         return false;
     }
     // Texts and results are exchanged on purpose: InitSocket reads true as "close and rebuild".
-    if (SocketUtil::BindPort(m_sockFd, name) != 0) {
+    if (SocketUtil::BindPort(fd, name) != 0) {
         PORTSCAN_LOG(Poco::Message::PRIO_INFORMATION, "[PortScan] Bind intf (%s) success!", name);
         return true;
     }
     LOG_ACTION_FAILED("GetInterfaceName");
     return false;
+}
+
+// ---------------------------------------------------------------------------------------------
+// IPv6 capture
+
+void CollectPortInfoTask::OpenCapture6(const std::vector<long>& ports) {
+    if (!IsExtensionOn(&PortScanTaskPolicy::IsIpv6Enable)) {
+        return;
+    }
+    SocketUtil::CreateRawSocket6(m_sock6Fd);
+    if (m_sock6Fd == -1) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Create ip6 socket fail, IPv4 capture only!");
+        return;
+    }
+    if (IsExtensionOn(&PortScanTaskPolicy::IsBindMasterIntf) && BindMasterInterface(m_sock6Fd)) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] bind master intf err! IPv4 capture only!");
+        CloseCapture6();
+        return;
+    }
+    PORTSCAN_LOG(Poco::Message::PRIO_INFORMATION, "[PortScan] Reload ip6 BPF rules , port size = (%z)",
+                 ports.size());
+    if (!SocketUtil::LoadPort6BpfRules(m_sock6Fd, ports)) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Load ip6 BPF rules fail, IPv4 capture only!");
+        CloseCapture6();
+        return;
+    }
+    // Frames queued before the filter was attached are any IPv6 frames at all.
+    SocketUtil::ClearSocketBuff(m_sock6Fd);
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLET;
+    event.data.fd = m_sock6Fd;
+    if (epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_sock6Fd, &event) == -1) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Epoll add ip6 socket fail, IPv4 capture only!");
+        CloseCapture6();
+    }
+}
+
+void CollectPortInfoTask::ReloadCapture6(const std::vector<long>& ports) {
+    if (!IsExtensionOn(&PortScanTaskPolicy::IsIpv6Enable)) {
+        CloseCapture6();  // turned off by a new policy
+        return;
+    }
+    if (m_sock6Fd == -1) {
+        OpenCapture6(ports);
+        return;
+    }
+    PORTSCAN_LOG(Poco::Message::PRIO_INFORMATION, "[PortScan] Reload ip6 BPF rules , port size = (%z)",
+                 ports.size());
+    if (!SocketUtil::LoadPort6BpfRules(m_sock6Fd, ports)) {
+        // The old filter may still admit a port that was frozen or taken since.
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Load ip6 BPF rules fail, IPv4 capture only!");
+        CloseCapture6();
+        return;
+    }
+    SocketUtil::ClearSocketBuff(m_sock6Fd);
+}
+
+void CollectPortInfoTask::CloseCapture6() {
+    if (m_sock6Fd == -1) {
+        return;
+    }
+    // Closing the descriptor also takes it out of the epoll set.
+    close(m_sock6Fd);
+    m_sock6Fd = -1;
 }
 
 }  // namespace Engine

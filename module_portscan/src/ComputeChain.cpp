@@ -53,6 +53,14 @@ Source CheckSource(Framework::Task* task, const PacketNode& pkt) {
         // Not yet handed its policy: nothing to classify against.
         return Source::kNoTask;
     }
+    if (pkt.isIpv6) {
+        // The IPv6 counterparts: "white_ip6_list", and unique-local or link-local as private.
+        if (IPUtil::IsWhiteIp6List(IPUtil::Ip6Text(pkt.remoteAddress6).c_str(), policy->GetWhiteIp6List()) ||
+            !IPUtil::IsIntraIp6List(pkt.remoteAddress6)) {
+            return Source::kSafe;
+        }
+        return Source::kSuspect;
+    }
     if (IPUtil::IsWhiteIpList(inet_ntoa(pkt.remoteAddress), policy->GetWhileIpList())) {
         return Source::kSafe;
     }

@@ -555,22 +555,28 @@ bool IPUtil::FindIP(const std::vector<in_addr>& list, in_addr address) {
 
 namespace {
 
-// Calls `visit` with every IPv4 address of this host's interfaces, in getifaddrs order. False, with
-// the error line, when the interface list cannot be read.
-template <typename Visit>
-bool ForEachLocalIpv4(Visit visit) {
+// Calls `visit` with every address of `family` (as the sockaddr of that family) of this host's
+// interfaces, in getifaddrs order. False, with the error line, when the interface list cannot be read.
+template <typename Address, typename Visit>
+bool ForEachLocalAddress(sa_family_t family, Visit visit) {
     ifaddrs* interfaces = nullptr;
     if (getifaddrs(&interfaces) != 0) {
         PORTSCAN_ROOT_LOG(Poco::Message::PRIO_ERROR, "get local ip list failed.");
         return false;
     }
     for (const ifaddrs* entry = interfaces; entry != nullptr; entry = entry->ifa_next) {
-        if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET) {
-            visit(reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr);
+        if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == family) {
+            visit(*reinterpret_cast<const Address*>(entry->ifa_addr));
         }
     }
     freeifaddrs(interfaces);
     return true;
+}
+
+template <typename Visit>
+bool ForEachLocalIpv4(Visit visit) {
+    return ForEachLocalAddress<sockaddr_in>(AF_INET,
+                                            [&](const sockaddr_in& address) { visit(address.sin_addr); });
 }
 
 }  // namespace
@@ -649,6 +655,40 @@ bool IPUtil::is_localhost_ip(const std::string& address) {
         return false;
     }
     return normal == kIpv6Loopback;
+}
+
+// ---------------------------------------------------------------------------------------------
+// IPv6 capture
+
+bool IPUtil::GetLocalhostIp6(std::vector<in6_addr>& list) {
+    list.clear();
+    return ForEachLocalAddress<sockaddr_in6>(AF_INET6, [&](const sockaddr_in6& address) {
+        if (!IN6_IS_ADDR_LOOPBACK(&address.sin6_addr)) {
+            list.push_back(address.sin6_addr);
+        }
+    });
+}
+
+bool IPUtil::IsIntraIp6List(const in6_addr& address) {
+    const uint8_t first = address.s6_addr[0];
+    return (first & 0xFEu) == 0xFCu || (first == 0xFEu && (address.s6_addr[1] & 0xC0u) == 0x80u);
+}
+
+bool IPUtil::IsWhiteIp6List(const char* ip, const std::vector<IP6_RANGE>& ranges) {
+    if (ranges.empty() || ip == nullptr || !is_ip6_in_range(ip, ranges)) {
+        return false;
+    }
+    PORTSCAN_ROOT_LOG(Poco::Message::PRIO_DEBUG, "[PortScan] white ip found (%s)", std::string(ip));
+    return true;
+}
+
+std::string IPUtil::Ip6Text(const in6_addr& address) {
+    char text[INET6_ADDRSTRLEN];
+    memset_s(text, sizeof(text), 0, sizeof(text));
+    if (inet_ntop(AF_INET6, &address, text, sizeof(text)) == nullptr) {
+        return std::string();
+    }
+    return text;
 }
 
 }  // namespace Engine

@@ -112,7 +112,8 @@ PortScanTaskPolicy::PortScanTaskPolicy(const std::string& name)
       m_drainSocketQueue(false),
       m_exactPortLookup(false),
       m_dualStackOccupancy(false),
-      m_promptAlarms(false) {}
+      m_promptAlarms(false),
+      m_ipv6(false) {}
 
 PortScanTaskPolicy::~PortScanTaskPolicy() = default;
 
@@ -150,6 +151,12 @@ bool PortScanTaskPolicy::Parse(const std::string& text) {
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[!] Parse policy failed in parse_ip_ranges.");
         return false;
     }
+    // Refused as the IPv4 list is, whether or not "ipv6" is on: a bad list is a bad policy.
+    const std::string whiteList6 = SDK::JsonUtils::GetStringValue(root, "white_ip6_list", "");
+    if (!whiteList6.empty() && !IPUtil::parse_ip6_ranges(whiteList6.c_str(), m_whiteIp6List)) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[!] Parse policy failed in parse_ip6_ranges.");
+        return false;
+    }
 
     Json::Value condition;
     if (!SDK::JsonUtils::GetSubobjectValue(root, "task_condition", condition)) {
@@ -172,6 +179,7 @@ bool PortScanTaskPolicy::Parse(const std::string& text) {
     m_exactPortLookup = SDK::JsonUtils::GetBoolValue(root, "exact_port_lookup", false);
     m_dualStackOccupancy = SDK::JsonUtils::GetBoolValue(root, "dual_stack_occupancy", false);
     m_promptAlarms = SDK::JsonUtils::GetBoolValue(root, "prompt_alarms", false);
+    m_ipv6 = SDK::JsonUtils::GetBoolValue(root, "ipv6", false);
 
     // A condition the runtime refuses fails the whole task policy.
     return ParseCondition(SDK::JsonUtils::JsonToString(condition));

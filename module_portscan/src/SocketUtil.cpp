@@ -80,14 +80,23 @@ msghdr NetlinkMessage(sockaddr_nl* address, iovec* vector) {
 
 }  // namespace
 
-void SocketUtil::CreateRawSocket(int& fd) {
+namespace {
+
+// A packet socket for frames of `etherType` (ten immediate attempts); `fd` gets the descriptor or -1.
+void CreatePacketSocket(int& fd, uint16_t etherType) {
     for (int left = kRetryTimes; left > 0; --left) {
-        fd = socket(AF_PACKET, SOCK_RAW, htons(ETH_P_IP));
+        fd = socket(AF_PACKET, SOCK_RAW, htons(etherType));
         if (fd >= 0) {
             return;
         }
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] CreateSocket return ERR! Retry (%d) times", left);
     }
+}
+
+}  // namespace
+
+void SocketUtil::CreateRawSocket(int& fd) {
+    CreatePacketSocket(fd, ETH_P_IP);
 }
 
 int SocketUtil::BindPort(int fd, std::string interfaceName) {
@@ -448,6 +457,176 @@ bool SocketUtil::CheckHeader(const nlmsghdr* header, int length, int& result) {
             PORTSCAN_LOG(Poco::Message::PRIO_DEBUG, "[-] Unexpected Type");
             return false;
     }
+}
+
+// ---------------------------------------------------------------------------------------------
+// IPv6 capture
+
+namespace {
+
+// Frame offsets (Ethernet header included) of the fixed IPv6 header and the transport header that
+// directly follows it.
+constexpr uint32_t kIp6VersionOffset = 14;
+constexpr uint32_t kIp6NextHeaderOffset = 20;
+constexpr uint32_t kIp6SourceOffset = 22;
+constexpr uint32_t kIp6DestinationOffset = 38;
+constexpr uint32_t kIp6TransportOffset = 54;
+// Bytes an admitted IPv6 frame keeps: Ethernet, fixed IPv6 and minimal TCP headers.
+constexpr unsigned int kSnapLength6 = kIp6TransportOffset + 20;
+// Shortest frames the IPv6 parser reads: up to the end of the UDP / minimal TCP header.
+constexpr unsigned long kMinUdpFrame6 = kIp6TransportOffset + 8;
+constexpr unsigned long kMinTcpFrame6 = kIp6TransportOffset + 20;
+// Instructions of one address test: four word loads and compares, and the action on a match.
+constexpr size_t kAddressTestLength = 9;
+constexpr size_t kMaxJumpOffset = 255;
+
+// Word `index` (0..3) of `address` as a BPF word load sees it in the frame.
+uint32_t AddressWord(const in6_addr& address, size_t index) {
+    const uint8_t* bytes = &address.s6_addr[4 * index];
+    return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
+           static_cast<uint32_t>(bytes[2]) << 8 | bytes[3];
+}
+
+// Compares the 16 bytes at `offset` with `address`: on a match the test's last instruction,
+// `onMatch`, runs; any other word goes on to the instruction after the test.
+void AppendAddressTest(std::vector<sock_filter>& program, uint32_t offset, const in6_addr& address,
+                       const sock_filter& onMatch) {
+    for (size_t word = 0; word < 4; ++word) {
+        program.push_back(Statement(BPF_LD | BPF_W | BPF_ABS, offset + 4 * static_cast<uint32_t>(word)));
+        // Past the remaining loads and compares and the action.
+        program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, AddressWord(address, word), 0, 7 - 2 * word));
+    }
+    program.push_back(onMatch);
+}
+
+}  // namespace
+
+void SocketUtil::CreateRawSocket6(int& fd) {
+    CreatePacketSocket(fd, ETH_P_IPV6);
+}
+
+bool SocketUtil::BuildPort6BpfProgram(const std::vector<in6_addr>& addresses, const std::vector<long>& ports,
+                                      std::vector<sock_filter>& program) {
+    program.clear();
+    const size_t n = addresses.size();
+    const size_t p = ports.size();
+    // The port tests jump to the shared accept, the only offsets that grow with a list; the address
+    // tests jump only within their own nine instructions or with the 32-bit constant of BPF_JA.
+    const size_t length = 18 * n + p + (p == 0 ? 10 : 11);
+    if ((p > 0 && p - 1 > kMaxJumpOffset) || length > BPF_MAXINSNS) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR,
+                     "[SocketUtil] Too many ports or addresses for the IPv6 filter (ports %z, addresses %z)",
+                     p, n);
+        return false;
+    }
+    const sock_filter drop = Statement(BPF_RET | BPF_K, 0);
+    if (n == 0) {  // no destination can be local
+        program.push_back(drop);
+        return true;
+    }
+    program.reserve(length);
+    program.push_back(Statement(BPF_LD | BPF_H | BPF_ABS, 12));
+    program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_IPV6, 1, 0));
+    program.push_back(drop);
+    // Only a TCP or UDP header directly after the fixed header: extension headers are not walked.
+    program.push_back(Statement(BPF_LD | BPF_B | BPF_ABS, kIp6NextHeaderOffset));
+    program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_TCP, 2, 0));
+    program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_UDP, 1, 0));
+    program.push_back(drop);
+
+    // Destination must be local: a match jumps to the source tests, which start after the tests
+    // and the drop that ends them.
+    const size_t sourceTests = program.size() + kAddressTestLength * n + 1;
+    for (const in6_addr& address : addresses) {
+        const size_t action = program.size() + kAddressTestLength - 1;
+        AppendAddressTest(program, kIp6DestinationOffset, address,
+                          Statement(BPF_JMP | BPF_JA, static_cast<uint32_t>(sourceTests - action - 1)));
+    }
+    program.push_back(drop);
+    // Source must not be local: a match drops.
+    for (const in6_addr& address : addresses) {
+        AppendAddressTest(program, kIp6SourceOffset, address, drop);
+    }
+    // Destination port must be watched: a hit jumps to the accept.
+    program.push_back(Statement(BPF_LD | BPF_H | BPF_ABS, kIp6TransportOffset + 2));
+    for (size_t j = 0; j < p; ++j) {
+        program.push_back(
+            Jump(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(ports[j]), p - 1 - j, j + 1 == p ? 1 : 0));
+    }
+    program.push_back(Statement(BPF_RET | BPF_K, kSnapLength6));
+    if (p > 0) {
+        program.push_back(drop);
+    }
+    return true;
+}
+
+bool SocketUtil::LoadPort6BpfRules(int fd, std::vector<long> ports) {
+    std::vector<in6_addr> addresses;
+    if (!IPUtil::GetLocalhostIp6(addresses)) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[SocketUtil] Can not get local ip6 list.");
+        return false;
+    }
+    std::vector<sock_filter> program;
+    if (!BuildPort6BpfProgram(addresses, ports, program)) {
+        return false;
+    }
+    sock_fprog filter;
+    filter.len = static_cast<unsigned short>(program.size());
+    filter.filter = program.data();
+    if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter)) != 0) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[SocketUtil] Cant set ip6 filter");
+        return false;
+    }
+    return true;
+}
+
+bool SocketUtil::ParsePacket6(const char* frame, unsigned long length, PacketNode* node) {
+    if (length < kMinUdpFrame6) {
+        PORTSCAN_ROOT_LOG(Poco::Message::PRIO_DEBUG, "[SocketUtil] Incomplete ip6 header, packet skipped.");
+        return false;
+    }
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(frame);
+    if ((bytes[12] << 8 | bytes[13]) != ETH_P_IPV6 || (bytes[kIp6VersionOffset] >> 4) != 6) {
+        PORTSCAN_ROOT_LOG(Poco::Message::PRIO_DEBUG, "[SocketUtil] Not an ip6 frame, packet skipped.");
+        return false;
+    }
+    const int nextHeader = bytes[kIp6NextHeaderOffset];
+    if (nextHeader != IPPROTO_TCP && nextHeader != IPPROTO_UDP) {
+        PORTSCAN_ROOT_LOG(Poco::Message::PRIO_DEBUG,
+                          "[SocketUtil] ip6 next header (%d) is not TCP or UDP, packet skipped.", nextHeader);
+        return false;
+    }
+    if (nextHeader == IPPROTO_TCP && length < kMinTcpFrame6) {
+        PORTSCAN_ROOT_LOG(Poco::Message::PRIO_DEBUG, "[SocketUtil] Incomplete ip6 header, packet skipped.");
+        return false;
+    }
+
+    node->isIpv6 = true;
+    memcpy(&node->localAddress6, frame + kIp6DestinationOffset, sizeof(node->localAddress6));
+    memcpy(&node->remoteAddress6, frame + kIp6SourceOffset, sizeof(node->remoteAddress6));
+    node->remotePort = ReadPort(frame + kIp6TransportOffset);
+    node->localPort = ReadPort(frame + kIp6TransportOffset + 2);
+    if (nextHeader == IPPROTO_TCP) {
+        node->type = 0;
+        tcphdr header;
+        memset_s(&header, sizeof(header), 0, sizeof(header));
+        memcpy(&header, frame + kIp6TransportOffset, 14);
+        node->flag = GetTcpFlag(&header);
+    } else {
+        node->type = 1;
+        node->flag.clear();
+    }
+
+    Poco::Logger* logger = PortScan::GetRootLoggerPtr();
+    if (logger != nullptr && logger->is(Poco::Message::PRIO_DEBUG)) {
+        PORTSCAN_ROOT_LOG(
+            Poco::Message::PRIO_DEBUG,
+            "[SocketUtil] GET PACKET localAddress %s, RemoteAddress %s, LocalPort %d, RemotePort "
+            "%d, type %d, flag is [%s]",
+            IPUtil::Ip6Text(node->localAddress6), IPUtil::Ip6Text(node->remoteAddress6),
+            static_cast<int>(node->localPort), static_cast<int>(node->remotePort), node->type, node->flag);
+    }
+    return true;
 }
 
 }  // namespace Engine
