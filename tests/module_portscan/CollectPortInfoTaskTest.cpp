@@ -41,6 +41,7 @@ public:
     CollectPortInfoTask::NetCacheMap& NetCache() { return t.m_netCacheMap; }
     int& SockFd() { return t.m_sockFd; }
     int& EpollFd() { return t.m_epollFd; }
+    int& Sock6Fd() { return t.m_sock6Fd; }
     bool& Running() { return t.m_running; }
 
 private:
@@ -634,6 +635,126 @@ TEST_F(CollectTaskTest, PromptAlarmLeavesBeforeTheTick) {
         m_task.reset();
         EXPECT_EQ(1u, m_report->received.size());
     }
+}
+
+// A TCP SYN from `remote` to [fd00:78::1]:`port` as the IPv6 capture socket delivers it.
+std::string Frame6(unsigned short port, const char* remote) {
+    std::string frame(74, '\0');
+    frame[12] = static_cast<char>(0x86);
+    frame[13] = static_cast<char>(0xdd);
+    frame[14] = 0x60;
+    frame[20] = 6;
+    EXPECT_EQ(1, inet_pton(AF_INET6, remote, &frame[22]));
+    EXPECT_EQ(1, inet_pton(AF_INET6, "fd00:78::1", &frame[38]));
+    const uint16_t sourcePort = htons(40000), destinationPort = htons(port);
+    memcpy(&frame[54], &sourcePort, 2);
+    memcpy(&frame[56], &destinationPort, 2);
+    frame[67] = 0x02;
+    return frame;
+}
+
+// Frames of both capture sockets, read from one epoll set: one record counts hosts of both families
+// and freezes at the host limit, one packet budget stops the task, and the alarm document carries
+// the IPv6 text of the first alarmed host.
+TEST_F(CollectTaskTest, Ipv6FramesShareRecordsBudgetAndAlarmDocuments) {
+    UsePolicy(R"([{"port":2501,"type":0}])",
+              R"(,"ipv6":true,"white_ip6_list":"fd00:78::3","check_port_before_alarm":true,)"
+              R"("alarm_max_num":0,"port_ip_max_num":2,"package_max_num":5)");
+    Peer().PortSet() = {PortInfoNode(2501, 0)};
+    Peer().MonitorStatus() = MONITOR_LIST_NORMAL;
+    FakeCapture capture(Peer());
+    int pair6[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, pair6));
+    epoll_event event{EPOLLIN | EPOLLET, {}};
+    event.data.fd = pair6[0];
+    ASSERT_EQ(0, epoll_ctl(Peer().EpollFd(), EPOLL_CTL_ADD, pair6[0], &event));
+    Peer().Sock6Fd() = pair6[0];  // the task's now: closed when the capture is cleared
+    m_run = std::async(std::launch::async, [this] { return m_task.Run(); });
+    ASSERT_TRUE(Poll([this] { return m_log->Count(kEndHeader) == 1; }));
+
+    const std::string alarm = "[PortScan] Alarm found, port [2501]";
+    // frame, IPv6 socket, alarms so far, frozen after it
+    const std::tuple<std::string, bool, size_t, bool> frames[] = {
+        {Frame6(2501, "fd00:78::2"), true, 1, false},
+        {Frame6(2501, "fd00:78::3"), true, 1, false},   // white-listed
+        {Frame6(2501, "2001:db8::2"), true, 1, false},  // global
+        {Frame(2501, false, "10.0.0.5"), false, 2, false},
+        {Frame6(2501, "fe80::7"), true, 3, true},  // the third alarmed host
+    };
+    size_t sent = 0;
+    for (const auto& [frame, ipv6, alarms, frozen] : frames) {
+        SCOPED_TRACE(sent);
+        if (ipv6) {
+            ASSERT_EQ(ssize_t(frame.size()), send(pair6[1], frame.data(), frame.size(), 0));
+        } else {
+            capture.Send(frame);
+        }
+        ++sent;
+        ASSERT_TRUE(Poll([&] { return m_log->CountContaining("[SocketUtil] GET PACKET") == sent; }));
+        EXPECT_TRUE(Poll([&] { return m_log->CountContaining(alarm) == alarms; }));
+        EXPECT_EQ(frozen, Peer().BanPortMap().count(2501) == 1);
+    }
+    EXPECT_EQ(2u, m_log->Count("[PortScan] white ip found (fd00:78::3)"));  // once per classifier
+    const std::string sixth = Frame6(2501, "fd00:78::2");
+    ASSERT_EQ(ssize_t(sixth.size()), send(pair6[1], sixth.data(), sixth.size(), 0));
+    ASSERT_TRUE(Poll([this] { return RunEnded(); })) << "the sixth frame of the minute did not stop the task";
+
+    const PortInfoNode& record = *m_policies.back()->GetPolicyPortSet().begin();
+    EXPECT_EQ(3u, record.ipNum);
+    EXPECT_EQ(1u, record.remoteIps.size());
+    ASSERT_EQ(2u, record.remoteIp6s.size());
+    char text[INET6_ADDRSTRLEN];
+    EXPECT_STREQ("fe80::7", inet_ntop(AF_INET6, &record.remoteIp6s[1], text, sizeof(text)));
+
+    m_task.SendPortAlarm();
+    const std::vector<Json::Value> documents = Documents();
+    ASSERT_EQ(1u, documents.size());
+    const Json::Value& document = documents[0];
+    EXPECT_EQ("portscan_0002", document["event_classid"].asString());
+    EXPECT_EQ(Parse(R"({"app_protocol":"SYN","local_address":"fd00:78::1","local_port":2501,"protocol":"TCP",
+        "remote_address":"fd00:78::2","remote_port":40000})"),
+              document["network_info"]);
+    close(pair6[1]);
+}
+
+// An IPv6 probe finds a port held by an IPv6 socket or by an IPv4 one (a dual-stack client tries
+// IPv6 first); the IPv4 query is made only when no IPv6 socket holds it.
+TEST_F(CollectTaskTest, Ipv6ProbeOccupancyCountsSocketsOfBothFamilies) {
+    const int v6 = socket(AF_INET6, SOCK_STREAM, 0);
+    if (v6 < 0) {
+        GTEST_SKIP() << "no IPv6 here";
+    }
+    close(v6);
+    auto listen = [](int family, int type) {
+        const int fd = socket(family, type, 0);
+        const int on = 1;
+        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on));
+        sockaddr_storage address{};
+        address.ss_family = static_cast<sa_family_t>(family);
+        socklen_t length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+        EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), length));
+        if (type == SOCK_STREAM) {
+            EXPECT_EQ(0, ::listen(fd, 1));
+        }
+        EXPECT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length));
+        return std::make_pair(fd,
+                              ntohs(family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&address)->sin6_port
+                                                       : reinterpret_cast<sockaddr_in*>(&address)->sin_port));
+    };
+    const auto tcp6 = listen(AF_INET6, SOCK_STREAM), udp4 = listen(AF_INET, SOCK_DGRAM);
+    const auto freed = listen(AF_INET6, SOCK_STREAM);
+    close(freed.first);
+    UsePolicy("[]", R"(,"ipv6":true)");
+    // port, protocol, status
+    const std::tuple<uint16_t, int, int> cases[] = {
+        {tcp6.second, 0, 0}, {udp4.second, 1, 0}, {tcp6.second, 1, 1}, {freed.second, 0, 1}};
+    for (const auto& [port, protocol, expected] : cases) {
+        int status = 7;
+        m_task.CheckPortStatus6(port, status, protocol);
+        EXPECT_EQ(expected, status) << port << "/" << protocol;
+    }
+    close(tcp6.first);
+    close(udp4.first);
 }
 
 }  // namespace

@@ -1,0 +1,292 @@
+// IPv6 capture without the kernel: the IPv6 frame parser, the IPv6 filter run by a reference
+// evaluator, the policy keys "ipv6" and "white_ip6_list", and the classifiers' verdicts on IPv6
+// sources.
+
+#include "ComputeChain.h"
+#include "IPUtil.h"
+#include "PortScanModule.h"
+#include "PortScanPolicy.h"
+#include "SocketUtil.h"
+#include "support/LogCapture.h"
+#include "support/TestEngine.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/if_ether.h>
+
+#include <cstring>
+#include <string>
+#include <tuple>
+#include <vector>
+
+using Engine::SocketUtil;
+
+namespace {
+
+in6_addr Ip6(const char* text) {
+    in6_addr address{};
+    EXPECT_EQ(1, inet_pton(AF_INET6, text, &address)) << text;
+    return address;
+}
+
+struct Frame6 {
+    uint16_t etherType = ETH_P_IPV6;
+    uint8_t version = 6, nextHeader = IPPROTO_TCP, flags = 0x02;
+    const char *src = "fd00:78::2", *dst = "fd00:78::1";
+    uint16_t port = 2501;
+    size_t length = 74;  // Ethernet, IPv6 and TCP headers
+
+    std::vector<unsigned char> Bytes() const {
+        std::vector<unsigned char> frame(std::max<size_t>(length, 74), 0);
+        frame[12] = etherType >> 8;
+        frame[13] = etherType & 0xff;
+        frame[14] = static_cast<unsigned char>(version << 4);
+        frame[20] = nextHeader;
+        const in6_addr addresses[] = {Ip6(src), Ip6(dst)};
+        memcpy(&frame[22], addresses, 32);
+        const uint16_t ports[] = {htons(40000), htons(port)};
+        memcpy(&frame[54], ports, 4);
+        frame[54 + 13] = flags;
+        frame.resize(length);
+        return frame;
+    }
+};
+
+TEST(PortScanIpv6Parser, FramesTable) {
+    struct Case {
+        const char* what;
+        Frame6 frame;
+        int type;  // -1: refused, the record untouched
+        const char* flag;
+    };
+    auto with = [](auto change) {
+        Frame6 frame;
+        change(frame);
+        return frame;
+    };
+    const Case cases[] = {
+        {"tcp syn", Frame6{}, 0, "SYN"},
+        {"tcp syn ack", with([](Frame6& f) { f.flags = 0x12; }), 0, "SYN,ACK"},
+        {"udp, shortest", with([](Frame6& f) { f.nextHeader = IPPROTO_UDP, f.length = 62; }), 1, ""},
+        {"udp, one byte short", with([](Frame6& f) { f.nextHeader = IPPROTO_UDP, f.length = 61; }), -1,
+         "old"},
+        {"tcp, one byte short", with([](Frame6& f) { f.length = 73; }), -1, "old"},
+        {"hop-by-hop options", with([](Frame6& f) { f.nextHeader = 0; }), -1, "old"},
+        {"routing header", with([](Frame6& f) { f.nextHeader = 43; }), -1, "old"},
+        {"fragment header", with([](Frame6& f) { f.nextHeader = 44; }), -1, "old"},
+        {"destination options", with([](Frame6& f) { f.nextHeader = 60; }), -1, "old"},
+        {"icmpv6", with([](Frame6& f) { f.nextHeader = 58; }), -1, "old"},
+        {"ipv4 ethertype", with([](Frame6& f) { f.etherType = ETH_P_IP; }), -1, "old"},
+        {"version 4 in an ipv6 frame", with([](Frame6& f) { f.version = 4; }), -1, "old"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const std::vector<unsigned char> bytes = c.frame.Bytes();
+        Engine::PacketNode node{{0}, 9, {0}, 0, 9, "old"};  // a reused record
+        const bool ok = c.type >= 0;
+        EXPECT_EQ(ok,
+                  SocketUtil::ParsePacket6(reinterpret_cast<const char*>(bytes.data()), bytes.size(), &node));
+        EXPECT_EQ(
+            std::make_tuple(ok, ok ? 2501 : 9, ok ? 40000 : 0, ok ? c.type : 9, std::string(c.flag)),
+            std::make_tuple(node.isIpv6, int(node.localPort), int(node.remotePort), node.type, node.flag));
+        EXPECT_EQ(ok ? "fd00:78::1" : "::", Engine::IPUtil::Ip6Text(node.localAddress6));
+        EXPECT_EQ(ok ? "fd00:78::2" : "::", Engine::IPUtil::Ip6Text(node.remoteAddress6));
+        EXPECT_EQ(0u, node.localAddress.s_addr | node.remoteAddress.s_addr);
+    }
+}
+
+// Runs a classic BPF program over `frame` as the kernel does for the instructions the IPv6 filter
+// uses: the number of bytes kept, 0 for a drop (also for a load past the end).
+unsigned Evaluate(const std::vector<sock_filter>& program, const std::vector<unsigned char>& frame) {
+    uint32_t a = 0;
+    for (size_t pc = 0; pc < program.size(); ++pc) {
+        const sock_filter& op = program[pc];
+        auto load = [&](size_t size) {
+            if (op.k + size > frame.size()) {
+                return false;
+            }
+            a = 0;
+            for (size_t i = 0; i < size; ++i) {
+                a = a << 8 | frame[op.k + i];
+            }
+            return true;
+        };
+        switch (op.code) {
+            case BPF_LD | BPF_W | BPF_ABS:
+            case BPF_LD | BPF_H | BPF_ABS:
+            case BPF_LD | BPF_B | BPF_ABS:
+                if (!load(BPF_SIZE(op.code) == BPF_W ? 4 : BPF_SIZE(op.code) == BPF_H ? 2 : 1)) {
+                    return 0;
+                }
+                break;
+            case BPF_JMP | BPF_JEQ | BPF_K:
+                pc += a == op.k ? op.jt : op.jf;
+                break;
+            case BPF_JMP | BPF_JA:
+                pc += op.k;
+                break;
+            case BPF_RET | BPF_K:
+                return op.k;
+            default:
+                ADD_FAILURE() << "unexpected instruction " << op.code << " at " << pc;
+                return 0;
+        }
+        if (pc >= program.size()) {
+            ADD_FAILURE() << "jump past the end from instruction " << pc;
+            return 0;
+        }
+    }
+    ADD_FAILURE() << "no return";
+    return 0;
+}
+
+// `count` local addresses: the probed ones first, then fd00:1::<i>.
+std::vector<in6_addr> LocalAddresses(size_t count) {
+    std::vector<in6_addr> addresses;
+    for (const char* text : {"fd00:78::1", "fe80::1", "2001:db8::1"}) {
+        if (addresses.size() < count) {
+            addresses.push_back(Ip6(text));
+        }
+    }
+    while (addresses.size() < count) {
+        addresses.push_back(Ip6(("fd00:1::" + std::to_string(addresses.size())).c_str()));
+    }
+    return addresses;
+}
+
+TEST(PortScanIpv6Filter, ReferenceEvaluationForAddressAndPortCounts) {
+    auto with = [](auto change) {
+        Frame6 frame;
+        change(frame);
+        return frame;
+    };
+    struct Case {
+        const char* what;
+        Frame6 frame;
+        bool watched, any;  // admitted with ports 2501 and 2500 / with no port list (N = 3)
+    };
+    const Case cases[] = {
+        {"tcp to the first address", Frame6{}, true, true},
+        {"udp to the link-local address",
+         with([](Frame6& f) { f.nextHeader = 17, f.dst = "fe80::1", f.port = 2500; }), true, true},
+        {"to the last address", with([](Frame6& f) { f.dst = "2001:db8::1"; }), true, true},
+        {"unwatched port", with([](Frame6& f) { f.port = 2502; }), false, true},
+        {"foreign destination", with([](Frame6& f) { f.dst = "fd00:78::9"; }), false, false},
+        {"destination differs in its third word only", with([](Frame6& f) { f.dst = "fd00:78::1:0:1"; }),
+         false, false},
+        {"local source", with([](Frame6& f) { f.src = "fe80::1"; }), false, false},
+        {"local source, last address", with([](Frame6& f) { f.src = "2001:db8::1"; }), false, false},
+        {"icmpv6", with([](Frame6& f) { f.nextHeader = 58; }), false, false},
+        {"destination options before tcp", with([](Frame6& f) { f.nextHeader = 60; }), false, false},
+        {"ipv4 ethertype", with([](Frame6& f) { f.etherType = ETH_P_IP; }), false, false},
+        {"cut before the ports", with([](Frame6& f) { f.length = 56; }), false, false},
+    };
+    std::vector<sock_filter> program;
+    for (const auto& ports : {std::vector<long>{2501, 2500}, std::vector<long>{}}) {
+        ASSERT_TRUE(SocketUtil::BuildPort6BpfProgram(LocalAddresses(3), ports, program));
+        EXPECT_EQ(18 * 3 + ports.size() + (ports.empty() ? 10 : 11), program.size());
+        for (const auto& c : cases) {
+            const bool admitted = ports.empty() ? c.any : c.watched;
+            EXPECT_EQ(admitted ? 74u : 0u, Evaluate(program, c.frame.Bytes()))
+                << c.what << (ports.empty() ? " (no port list)" : " (ports 2501, 2500)");
+        }
+    }
+    // No local address: nothing is admitted.
+    ASSERT_TRUE(SocketUtil::BuildPort6BpfProgram({}, {2501}, program));
+    EXPECT_EQ(0u, Evaluate(program, Frame6{}.Bytes()));
+
+    // Jumps to the source tests are 32-bit: every address of a long list, first to last, is tested.
+    const auto logs = [] {
+        TestSupport::CaptureLogs({"portscan_module"});
+        Engine::PortScan::GetLoggerPtr();
+        return &TestSupport::CaptureLogs({"portscan_module"});
+    }();
+    for (size_t count : {40u, 226u}) {
+        SCOPED_TRACE(count);
+        const std::vector<in6_addr> addresses = LocalAddresses(count);
+        ASSERT_TRUE(SocketUtil::BuildPort6BpfProgram(addresses, {2501, 2500}, program));
+        EXPECT_LE(program.size(), size_t(BPF_MAXINSNS));
+        for (size_t i = 0; i < count; i += count - 1) {
+            const std::string address = Engine::IPUtil::Ip6Text(addresses[i]);
+            Frame6 probe;
+            probe.dst = address.c_str();
+            EXPECT_EQ(74u, Evaluate(program, probe.Bytes())) << address;
+            probe.src = probe.dst;
+            EXPECT_EQ(0u, Evaluate(program, probe.Bytes())) << address << " as source";
+        }
+    }
+    // Past the kernel's length limit, or with a port test whose jump to the accept needs 9 bits: refused.
+    const std::string refused = "[SocketUtil] Too many ports or addresses for the IPv6 filter";
+    logs->Clear();
+    EXPECT_FALSE(SocketUtil::BuildPort6BpfProgram(LocalAddresses(227), {2501, 2500}, program));
+    EXPECT_TRUE(SocketUtil::BuildPort6BpfProgram(LocalAddresses(1), std::vector<long>(256, 2501), program));
+    EXPECT_FALSE(SocketUtil::BuildPort6BpfProgram(LocalAddresses(1), std::vector<long>(257, 2501), program));
+    EXPECT_EQ(2u, logs->CountContaining(refused));
+}
+
+TEST(PortScanIpv6Policy, KeysDefaultsAndARefusedWhiteList) {
+    auto& log = []() -> TestSupport::RecordingChannel& {
+        TestSupport::CaptureLogs({"portscan_module"});
+        Engine::PortScan::GetLoggerPtr();
+        return TestSupport::CaptureLogs({"portscan_module"});
+    }();
+    const std::string refused = "[!] Parse policy failed in parse_ip6_ranges.";
+    const struct {
+        std::string extra;
+        bool parsed, ipv6;
+        size_t ranges;
+    } cases[] = {
+        {"", true, false, 0},
+        {R"(,"ipv6":true,"white_ip6_list":"fd00:78::3, fe80::/64")", true, true, 2},
+        {R"(,"ipv6":"true","white_ip6_list":"")", true, false, 0},
+        {R"(,"ipv6":true,"white_ip6_list":"nonsense")", false, true, 0},
+        {R"(,"white_ip6_list":",,,")", false, false, 0},  // refused with "ipv6" off as well
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.extra);
+        log.Clear();
+        Engine::PortScanTaskPolicy policy("port_scan_task");
+        EXPECT_EQ(c.parsed, policy.Parse(R"({"monitor_list":[],"task_condition":{})" + c.extra + "}"));
+        EXPECT_EQ(c.parsed ? 0u : 1u, log.Count(refused));
+        if (c.parsed) {
+            EXPECT_EQ(c.ipv6, policy.IsIpv6Enable());
+            EXPECT_EQ(c.ranges, policy.GetWhiteIp6List().size());
+        }
+    }
+}
+
+TEST(PortScanIpv6Chain, PrivateMeansUniqueLocalOrLinkLocalAndTheIpv6WhiteListHolds) {
+    Engine::PortScanTaskPolicy policy("port_scan_task");
+    // The IPv4 white list names everything: it must not touch IPv6 sources.
+    ASSERT_TRUE(policy.Parse(
+        R"({"monitor_list":[],"white_ip_list":"all","white_ip6_list":"fd00:78::3","task_condition":{}})"));
+    Poco::AutoPtr<Framework::Task> task(
+        new Framework::Task("port_scan_task", "portscan_info_collect", 0, 16));
+    ASSERT_TRUE(TestSupport::TestEngine().RegisterTask(task, false));
+    task->SetTaskPolicy(&policy);
+    Engine::HFConnectChain chain;
+    Engine::CommonComputeChain common;
+    chain.next = &common;
+    // remote, protocol, flag text, alarm type (0: no classifier answers)
+    const std::tuple<const char*, int, const char*, int> cases[] = {
+        {"fd00:78::2", 0, "SYN", 2},   {"fc00::1", 1, "", 1},       {"fe80::9", 0, "SYN,ACK", 1},
+        {"febf:ffff::1", 0, "SYN", 2}, {"fec0::1", 0, "SYN", 0},    {"fbff::1", 0, "SYN", 0},
+        {"2001:db8::2", 0, "SYN", 0},  {"fd00:78::3", 0, "SYN", 0}, {"::ffff:10.0.0.5", 0, "SYN", 0},
+    };
+    for (const auto& [remote, type, flag, alarm] : cases) {
+        SCOPED_TRACE(remote);
+        Engine::PacketNode pkt{{0}, 8080, {0}, 40000, type, flag};
+        pkt.isIpv6 = true;
+        pkt.localAddress6 = Ip6("fd00:78::1");
+        pkt.remoteAddress6 = Ip6(remote);
+        int result = 0;
+        for (Engine::ComputeChain* link = &chain; link != nullptr && !link->handle(pkt, result, 100);) {
+            link = link->next;
+        }
+        EXPECT_EQ(alarm, result);
+    }
+    TestSupport::TestEngine().UnRegisterTask("port_scan_task");
+}
+
+}  // namespace
