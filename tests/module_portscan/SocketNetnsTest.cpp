@@ -1,5 +1,6 @@
 // The socket layer against the kernel, between two namespaces joined by a veth pair: capture side
-// 10.231.0.1/24 on "vcap", peer 10.231.0.2/24 on "vpeer". Needs root; skips itself otherwise.
+// 10.231.0.1/24 on "vcap", peer 10.231.0.2/24 on "vpeer" (the IPv6 test adds fd00:231::1 and ::2). Needs
+// root; skips itself otherwise.
 
 #include "IPUtil.h"
 #include "SocketUtil.h"
@@ -202,6 +203,90 @@ TEST_F(PortScanNetns, SocketDiagnosticsAndRouteDump) {
               std::make_tuple(table[0].dstLen, table[0].dst, table[0].gateway, table[0].ifName));
     EXPECT_EQ(std::make_tuple(24, inet_addr("10.231.0.0"), 0u, std::string("vcap")),
               std::make_tuple(table[1].dstLen, table[1].dst, table[1].gateway, table[1].ifName));
+}
+
+// The IPv6 socket and filter: real frames from the peer, and the program the kernel holds read back.
+TEST_F(PortScanNetns, Ipv6FilterAdmitsExactlyForeignProbesOfWatchedPorts) {
+    TestSupport::MustRun(
+        {"ip", "-n", m_cap->Name(), "addr", "add", "fd00:231::1/64", "dev", "vcap", "nodad"});
+    TestSupport::MustRun(
+        {"ip", "-n", m_peer->Name(), "addr", "add", "fd00:231::2/64", "dev", "vpeer", "nodad"});
+    std::vector<in6_addr> local;
+    int fd = -1;
+    RunIn(*m_cap, [&] {
+        ASSERT_TRUE(Engine::IPUtil::GetLocalhostIp6(local));
+        SocketUtil::CreateRawSocket6(fd);
+        ASSERT_NE(-1, fd);
+        ASSERT_TRUE(SocketUtil::LoadPort6BpfRules(fd, {4001, 4002}));
+        SocketUtil::ClearSocketBuff(fd);
+    });
+    m_fds.push_back(fd);
+    // The link-local address the kernel gave vcap is local too.
+    const auto linkLocal =
+        std::find_if(local.begin(), local.end(), [](const in6_addr& a) { return IN6_IS_ADDR_LINKLOCAL(&a); });
+    ASSERT_NE(local.end(), linkLocal);
+    const std::string linkLocalText = Engine::IPUtil::Ip6Text(*linkLocal);
+
+    std::vector<sock_filter> expected;
+    ASSERT_TRUE(SocketUtil::BuildPort6BpfProgram(local, {4001, 4002}, expected));
+    std::vector<sock_filter> attached(BPF_MAXINSNS);
+    socklen_t count = attached.size();
+    ASSERT_EQ(0, getsockopt(fd, SOL_SOCKET, SO_GET_FILTER, attached.data(), &count));
+    attached.resize(count);
+    ASSERT_EQ(expected.size(), attached.size());
+    for (size_t i = 0; i < attached.size(); ++i) {
+        EXPECT_EQ(std::make_tuple(expected[i].code, expected[i].jt, expected[i].jf, expected[i].k),
+                  std::make_tuple(attached[i].code, attached[i].jt, attached[i].jf, attached[i].k))
+            << i;
+    }
+
+    const struct {
+        const char *what, *src, *dst;
+        int nextHeader;
+        uint16_t port;
+        bool admitted;
+    } probes[] = {
+        {"tcp syn, watched port", "fd00:231::2", "fd00:231::1", IPPROTO_TCP, 4001, true},
+        {"udp, watched port", "fd00:231::2", "fd00:231::1", IPPROTO_UDP, 4002, true},
+        {"to the link-local address", "fe80::2", linkLocalText.c_str(), IPPROTO_TCP, 4002, true},
+        {"unwatched port", "fd00:231::2", "fd00:231::1", IPPROTO_TCP, 4003, false},
+        {"local source", "fd00:231::1", "fd00:231::1", IPPROTO_TCP, 4001, false},
+        {"non-local destination", "fd00:231::2", "fd00:231::77", IPPROTO_UDP, 4001, false},
+        {"destination options header", "fd00:231::2", "fd00:231::1", 60, 4001, false},
+        {"icmpv6", "fd00:231::2", "fd00:231::1", IPPROTO_ICMPV6, 4001, false},
+    };
+    RunIn(*m_peer, [&] {
+        const int out = socket(AF_PACKET, SOCK_RAW, 0);
+        sockaddr_ll to{AF_PACKET, 0, static_cast<int>(if_nametoindex("vpeer")), 0, 0, 6, {}};
+        for (size_t i = 0; i < std::size(probes); ++i) {
+            // Ethernet broadcast, IPv6, the transport header (source port: the probe's index) and payload.
+            std::vector<unsigned char> frame(14 + 40 + 20 + 20, 0);
+            memset(frame.data(), 0xff, 6);
+            frame[12] = 0x86, frame[13] = 0xdd, frame[14] = 0x60, frame[19] = 40;
+            frame[20] = static_cast<unsigned char>(probes[i].nextHeader), frame[21] = 64;
+            EXPECT_EQ(1, inet_pton(AF_INET6, probes[i].src, &frame[22]));
+            EXPECT_EQ(1, inet_pton(AF_INET6, probes[i].dst, &frame[38]));
+            frame[54] = 0x10, frame[55] = static_cast<unsigned char>(i);
+            frame[56] = static_cast<unsigned char>(probes[i].port >> 8);
+            frame[57] = static_cast<unsigned char>(probes[i].port);
+            frame[66] = 0x50, frame[67] = 0x02;
+            EXPECT_EQ(ssize_t(frame.size()), sendto(out, frame.data(), frame.size(), 0,
+                                                    reinterpret_cast<sockaddr*>(&to), sizeof(to)));
+        }
+        close(out);
+    });
+    std::set<size_t> admitted;
+    pollfd entry{fd, POLLIN, 0};
+    for (int i = 0; i < 50 && poll(&entry, 1, 300) > 0; ++i) {
+        unsigned char buffer[256];
+        EXPECT_EQ(74, recv(fd, buffer, sizeof(buffer), 0));  // Ethernet, IPv6 and TCP headers only
+        if (buffer[54] == 0x10) {
+            admitted.insert(buffer[55]);
+        }
+    }
+    for (size_t i = 0; i < std::size(probes); ++i) {
+        EXPECT_EQ(probes[i].admitted, admitted.count(i) == 1) << probes[i].what;
+    }
 }
 
 }  // namespace
