@@ -99,7 +99,7 @@ std::multiset<unsigned> AlarmPorts(const std::vector<Json::Value>& alarms) {
     return ports;
 }
 
-std::vector<BpfInsn> AttachedFilter(const std::string& netns, pid_t pid) {
+std::vector<BpfInsn> AttachedFilter(const std::string& netns, pid_t pid, const std::string& protocol) {
     std::string out = Run({"ss", "-0", "-b", "-p"}, netns, Seconds(20)).output;
     // A socket's record starts on an unindented line; the filter follows on indented ones.
     std::vector<std::string> records;
@@ -113,7 +113,8 @@ std::vector<BpfInsn> AttachedFilter(const std::string& netns, pid_t pid) {
     static const std::regex kInsn("0x([0-9a-fA-F]+) ([0-9]+) ([0-9]+) ([0-9]+),");
     for (const auto& record : records) {
         if (record.find("pid=" + std::to_string(pid) + ",") == std::string::npos ||
-            record.find("bpf filter") == std::string::npos) {
+            record.find("bpf filter") == std::string::npos ||
+            (!protocol.empty() && !std::regex_search(record, std::regex("\\s" + protocol + ":")))) {
             continue;
         }
         std::vector<BpfInsn> program;
@@ -128,16 +129,30 @@ std::vector<BpfInsn> AttachedFilter(const std::string& netns, pid_t pid) {
     return {};
 }
 
-std::vector<unsigned> FilterPorts(const std::vector<BpfInsn>& program) {
+namespace {
+
+// The constants of the equality tests that follow the first instruction `isPortLoad` accepts.
+template <typename IsPortLoad>
+std::vector<unsigned> TestsAfter(const std::vector<BpfInsn>& program, IsPortLoad isPortLoad) {
     std::vector<unsigned> ports;
     size_t i = 0;
-    while (i < program.size() && program[i].code != 0x48) {
+    while (i < program.size() && !isPortLoad(program[i])) {
         ++i;
     }
     for (++i; i < program.size() && program[i].code == 0x15; ++i) {
         ports.push_back(program[i].k);
     }
     return ports;
+}
+
+}  // namespace
+
+std::vector<unsigned> FilterPorts(const std::vector<BpfInsn>& program) {
+    return TestsAfter(program, [](const BpfInsn& insn) { return insn.code == 0x48; });
+}
+
+std::vector<unsigned> FilterPorts6(const std::vector<BpfInsn>& program) {
+    return TestsAfter(program, [](const BpfInsn& insn) { return insn.code == 0x28 && insn.k == 56; });
 }
 
 bool Contains(const std::vector<unsigned>& list, unsigned value) {

@@ -38,11 +38,14 @@ struct BpfInsn {
 };
 
 // The classic BPF program the kernel holds for the packet socket of process `pid` in `netns`, as
-// `ss -0 -b -p` prints it; empty when there is none.
-std::vector<BpfInsn> AttachedFilter(const std::string& netns, pid_t pid);
+// `ss -0 -b -p` prints it; empty when there is none. With `protocol` ("ip", "ipv6"), only the socket
+// for that frame type counts.
+std::vector<BpfInsn> AttachedFilter(const std::string& netns, pid_t pid, const std::string& protocol = "");
 
 // The destination ports a filter admits: the equality tests after the port load (code 0x48).
 std::vector<unsigned> FilterPorts(const std::vector<BpfInsn>& program);
+// The same for the IPv6 filter, whose port load reads the fixed offset 56 (code 0x28).
+std::vector<unsigned> FilterPorts6(const std::vector<BpfInsn>& program);
 
 bool Contains(const std::vector<unsigned>& list, unsigned value);
 
