@@ -146,6 +146,8 @@ public:
     void OpenCapture6(const std::vector<long>& ports);
     void ReloadCapture6(const std::vector<long>& ports);
     void CloseCapture6();
+    // Attaches the IPv6 filter for `ports` and drops what was queued; on failure closes the socket.
+    bool LoadCapture6Filter(const std::vector<long>& ports);
 
 private:
     // The task policy, read anew at each use (with the activity mark made first).

@@ -1001,15 +1001,9 @@ void CollectPortInfoTask::OpenCapture6(const std::vector<long>& ports) {
         CloseCapture6();
         return;
     }
-    PORTSCAN_LOG(Poco::Message::PRIO_INFORMATION, "[PortScan] Reload ip6 BPF rules , port size = (%z)",
-                 ports.size());
-    if (!SocketUtil::LoadPort6BpfRules(m_sock6Fd, ports)) {
-        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Load ip6 BPF rules fail, IPv4 capture only!");
-        CloseCapture6();
+    if (!LoadCapture6Filter(ports)) {
         return;
     }
-    // Frames queued before the filter was attached are any IPv6 frames at all.
-    SocketUtil::ClearSocketBuff(m_sock6Fd);
     epoll_event event{};
     event.events = EPOLLIN | EPOLLET;
     event.data.fd = m_sock6Fd;
@@ -1028,15 +1022,22 @@ void CollectPortInfoTask::ReloadCapture6(const std::vector<long>& ports) {
         OpenCapture6(ports);
         return;
     }
+    LoadCapture6Filter(ports);
+}
+
+bool CollectPortInfoTask::LoadCapture6Filter(const std::vector<long>& ports) {
     PORTSCAN_LOG(Poco::Message::PRIO_INFORMATION, "[PortScan] Reload ip6 BPF rules , port size = (%z)",
                  ports.size());
     if (!SocketUtil::LoadPort6BpfRules(m_sock6Fd, ports)) {
-        // The old filter may still admit a port that was frozen or taken since.
+        // Not kept open: an old filter may still admit a port that was frozen or taken since, and a new
+        // socket without one admits every IPv6 frame.
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Load ip6 BPF rules fail, IPv4 capture only!");
         CloseCapture6();
-        return;
+        return false;
     }
+    // Frames admitted before (by no filter, or by the old one) must not count under this port set.
     SocketUtil::ClearSocketBuff(m_sock6Fd);
+    return true;
 }
 
 void CollectPortInfoTask::CloseCapture6() {

@@ -34,28 +34,13 @@ const unsigned kDualStackPort = 2411;
 const unsigned kLowUdpPort = 2300;
 
 std::string PolicyText() {
-    Json::Value list(Json::arrayValue);
-    auto watch = [&list](unsigned port, int type) {
-        Json::Value entry;
-        entry["port"] = port;
-        entry["type"] = type;
-        list.append(entry);
-    };
+    std::vector<std::pair<unsigned, int>> watched;
     for (unsigned port = kFirstSynPort; port < kFirstSynPort + kSynPortCount; ++port) {
-        watch(port, 0);
+        watched.emplace_back(port, 0);
     }
-    watch(kDualStackPort, 0);
-    watch(kLowUdpPort, 1);
-    Json::Value task;
-    task["monitor_list"] = list;
-    task["check_port_before_alarm"] = true;
-    task["alarm_max_num"] = 0;  // one probe per port is evidence enough: nmap sends one to a closed port
-    task["task_condition"] = Json::Value(Json::objectValue);
-    for (const char* key :
-         {"drain_socket_queue", "exact_port_lookup", "dual_stack_occupancy", "prompt_alarms"}) {
-        task[key] = true;
-    }
-    return FeaturePolicyText(task, "extensions");
+    watched.emplace_back(kDualStackPort, 0);
+    watched.emplace_back(kLowUdpPort, 1);
+    return FeaturePolicyText(SwitchesOnTask(watched), "extensions");
 }
 
 using Clock = std::chrono::steady_clock;

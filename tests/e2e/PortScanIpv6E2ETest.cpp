@@ -42,28 +42,14 @@ const int kTcpSourcePort = 42001;
 const int kUdpSourcePort = 42002;
 
 std::string PolicyText(bool ipv6) {
-    Json::Value list(Json::arrayValue);
-    auto watch = [&list](unsigned port, int type) {
-        Json::Value entry;
-        entry["port"] = port;
-        entry["type"] = type;
-        list.append(entry);
-    };
+    std::vector<std::pair<unsigned, int>> watched;
     for (unsigned port = kFirstTcpPort; port < kFirstTcpPort + kTcpPortCount; ++port) {
-        watch(port, 0);
+        watched.emplace_back(port, 0);
     }
-    watch(kListenedPort, 0);
-    watch(kUdpPort, 1);
-    Json::Value task;
-    task["monitor_list"] = list;
-    task["check_port_before_alarm"] = true;
-    task["alarm_max_num"] = 0;  // nmap sends one probe to a closed port
+    watched.emplace_back(kListenedPort, 0);
+    watched.emplace_back(kUdpPort, 1);
+    Json::Value task = SwitchesOnTask(watched);
     task["white_ip6_list"] = kWhiteScanner6;
-    task["task_condition"] = Json::Value(Json::objectValue);
-    for (const char* key :
-         {"drain_socket_queue", "exact_port_lookup", "dual_stack_occupancy", "prompt_alarms"}) {
-        task[key] = true;
-    }
     if (ipv6) {
         task["ipv6"] = true;
     }

@@ -45,6 +45,26 @@ std::string FeaturePolicyText(const Json::Value& task, const std::string& hash) 
     return policy.toStyledString();
 }
 
+Json::Value SwitchesOnTask(const std::vector<std::pair<unsigned, int>>& watched) {
+    Json::Value list(Json::arrayValue);
+    for (const auto& [port, type] : watched) {
+        Json::Value entry;
+        entry["port"] = port;
+        entry["type"] = type;
+        list.append(entry);
+    }
+    Json::Value task;
+    task["monitor_list"] = list;
+    task["check_port_before_alarm"] = true;
+    task["alarm_max_num"] = 0;
+    task["task_condition"] = Json::Value(Json::objectValue);
+    for (const char* key :
+         {"drain_socket_queue", "exact_port_lookup", "dual_stack_occupancy", "prompt_alarms"}) {
+        task[key] = true;
+    }
+    return task;
+}
+
 bool ParseJson(const std::string& text, Json::Value& out) {
     Json::CharReaderBuilder builder;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());

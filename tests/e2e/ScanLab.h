@@ -8,6 +8,7 @@
 
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ScanLab {
@@ -19,6 +20,10 @@ std::string AgentConfigText(const std::string& modulePath);
 
 // A task policy document (the "port_scan_task" object) inside a feature policy with `hash`.
 std::string FeaturePolicyText(const Json::Value& task, const std::string& hash);
+
+// A task policy watching `watched` (port, type), checking ports before counting, alarming at the
+// first probe of a port (nmap sends one to a closed port), with the four opt-in switches on.
+Json::Value SwitchesOnTask(const std::vector<std::pair<unsigned, int>>& watched);
 
 bool ParseJson(const std::string& text, Json::Value& out);
 
