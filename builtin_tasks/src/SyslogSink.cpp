@@ -294,15 +294,23 @@ private:
             AlarmBacklog::Entry& entry = m_backlog.Front();
             if (!SendAll(entry.data)) {
                 int error = errno;
-                // A datagram socket stays; a stream may hold part of a frame: start afresh.
-                if (IsTcp()) {
+                if (error == EMSGSIZE) {
+                    // No retry can send it; it must not hold up the alarms behind it.
+                    SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
+                                 "[Report] Alarm of %z bytes too large for %s, dropped", entry.data.size(),
+                                 m_label);
+                    ConsumeFront();
+                    continue;
+                }
+                // A stream may hold part of a frame, and a local syslog daemon that restarted has a new
+                // socket: both start afresh. A UDP socket stays (its errors are the network's).
+                if (m_config.transport != ReportSink::Transport::Udp) {
                     Disconnect();
                 }
                 Failed(error);
                 return;
             }
-            m_spoolDeadBytes += entry.stored ? entry.data.size() : 0;
-            m_backlog.PopFront();
+            ConsumeFront();
         }
         if (m_failing) {
             m_failing = false;
@@ -311,6 +319,12 @@ private:
         ReportDropped();
         m_backoffMs = kReconnectFirstMs;
         m_nextRetry = SinkClock::time_point::max();
+    }
+
+    // The oldest alarm has left the backlog; its bytes in the spool file are dead from now on.
+    void ConsumeFront() {
+        m_spoolDeadBytes += m_backlog.Front().stored ? m_backlog.Front().data.size() : 0;
+        m_backlog.PopFront();
     }
 
     // Logged once per outage; the alarms wait in the backlog (and the spool).
