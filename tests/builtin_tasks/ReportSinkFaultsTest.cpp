@@ -13,9 +13,11 @@
 #include <poll.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <memory>
 #include <regex>
 #include <string>
 #include <vector>
@@ -190,6 +192,60 @@ TEST(ReportSinkFaultsTest, TcpSyslogSpoolsWhileTheCollectorIsDownAndSendsEachAla
     EXPECT_EQ(seqs, expected);
     EXPECT_EQ(ReadFile(sink.spool), "");
     EXPECT_EQ(logs.CountContaining("from spool"), 1u);
+}
+
+// A datagram socket where a local syslog daemon would listen.
+struct LocalSyslog {
+    explicit LocalSyslog(const std::string& path) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        m_ok = bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    }
+    ~LocalSyslog() { close(m_fd); }
+    std::vector<std::string> Messages(std::size_t count) {
+        std::vector<std::string> messages;
+        WaitUntil(
+            [&] {
+                char buffer[4096];
+                for (ssize_t n; (n = recv(m_fd, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0;) {
+                    messages.emplace_back(buffer, static_cast<std::size_t>(n));
+                }
+                return messages.size() >= count;
+            },
+            Millis(5000));
+        return messages;
+    }
+    int m_fd;
+    bool m_ok = false;
+};
+
+TEST(ReportSinkFaultsTest, LocalSyslogSocketSurvivesADaemonRestart) {
+    TempDir dir;
+    ReportSink sink;
+    sink.kind = ReportSink::Kind::Syslog;
+    sink.path = dir.File("log.sock");
+    auto daemon = std::make_unique<LocalSyslog>(sink.path);
+    ASSERT_TRUE(daemon->m_ok);
+    auto* task = new DataCommReportTask({sink});
+    ASSERT_TRUE(TestEngine().RegisterTask(task, true));
+    ASSERT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", Alarm(0))));
+    std::vector<std::string> first = daemon->Messages(1);
+    // The daemon restarts: a new socket at the same path. Alarms sent in between wait for it.
+    daemon.reset();
+    unlink(sink.path.c_str());
+    ASSERT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", Alarm(1))));
+    daemon = std::make_unique<LocalSyslog>(sink.path);
+    ASSERT_TRUE(daemon->m_ok);
+    ASSERT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", Alarm(2))));
+    std::vector<std::string> second = daemon->Messages(2);
+    ASSERT_TRUE(TestEngine().UnRegisterTask(DataCommReportTask::kTaskName));
+    ASSERT_EQ(first.size(), 1u);
+    ASSERT_EQ(second.size(), 2u);
+    EXPECT_EQ(SeqOf(first[0]), 0);
+    EXPECT_EQ(SeqOf(second[0]), 1);
+    EXPECT_EQ(SeqOf(second[1]), 2);
 }
 
 // A tmpfs of its own, unmounted (lazily) at the end.
