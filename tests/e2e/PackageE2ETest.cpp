@@ -32,6 +32,20 @@ bool Installed() {
            std::string::npos;
 }
 
+// dpkg with `args`, waiting up to five minutes for another package manager's lock.
+RunResult Dpkg(const std::vector<std::string>& args) {
+    std::vector<std::string> argv{"dpkg"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    RunResult result;
+    WaitUntil(
+        [&] {
+            result = Run(argv, "", Seconds(120));
+            return result.output.find("lock") == std::string::npos;
+        },
+        Seconds(300));
+    return result;
+}
+
 // Every path on the system whose name mentions the package, so that what an install leaves can be
 // compared before and after.
 std::string PathsNamedLikeThePackage() {
@@ -66,7 +80,7 @@ struct PackageLab {
     ~PackageLab() {
         agent.reset();
         if (installed) {
-            RunResult purge = Run({"dpkg", "--purge", "hostagent"}, "", Seconds(120));
+            RunResult purge = Dpkg({"--purge", "hostagent"});
             if (purge.code != 0) {
                 std::cerr << "dpkg --purge hostagent failed:\n" << purge.output;
             }
@@ -127,7 +141,7 @@ TEST_F(PackageE2E, InstallsRunsReportsRotatesAndPurgesClean) {
     RunResult lint = TestSupport::Run({"lintian", "--no-cfg", deb}, "", Seconds(300));
     EXPECT_EQ(std::regex_search(lint.output, std::regex("^E: ", std::regex::multiline)), false)
         << lint.output;
-    RunResult install = TestSupport::Run({"dpkg", "-i", deb}, "", Seconds(120));
+    RunResult install = Dpkg({"-i", deb});
     lab->installed = true;
     ASSERT_EQ(install.code, 0) << install.output;
 
@@ -205,7 +219,7 @@ TEST_F(PackageE2E, InstallsRunsReportsRotatesAndPurgesClean) {
     EXPECT_EQ(EventIds(filed), EventIds(logged));
     EXPECT_EQ(EventIds(filed).size(), filed.size());
 
-    RunResult purge = TestSupport::Run({"dpkg", "--purge", "hostagent"}, "", Seconds(120));
+    RunResult purge = Dpkg({"--purge", "hostagent"});
     lab->installed = purge.code != 0;
     EXPECT_EQ(purge.code, 0) << purge.output;
 }
