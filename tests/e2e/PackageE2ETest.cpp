@@ -4,7 +4,7 @@
 // file, the shipped logrotate file rotates log and alarms with no line lost, and a purge leaves no
 // file behind. The machine is restored (purged) also when the test fails.
 
-#include "AlarmFiles.h"
+#include "ScanLab.h"
 #include "support/NetLab.h"
 
 #include <gtest/gtest.h>
@@ -19,6 +19,7 @@
 #include <sstream>
 
 using namespace TestSupport;
+using namespace ScanLab;
 
 namespace {
 
@@ -212,8 +213,10 @@ TEST_F(PackageE2E, InstallsRunsReportsRotatesAndPurgesClean) {
     // No line lost: what the log says was sent, in the old and the new log, is what the old and the
     // new alarm file hold, one each.
     std::vector<Json::Value> filed = AlarmsIn({kLogDir + "alarms.jsonl.1", kLogDir + "alarms.jsonl"});
-    std::vector<Json::Value> logged =
-        LoggedAlarmsIn(ReadFile(kLogDir + "hostagent.log.1") + ReadFile(kLogDir + "hostagent.log"));
+    std::vector<Json::Value> logged = LoggedAlarms(kLogDir + "hostagent.log.1");
+    for (const Json::Value& alarm : LoggedAlarms(kLogDir + "hostagent.log")) {
+        logged.push_back(alarm);
+    }
     EXPECT_EQ(filed.size(), 2u);
     EXPECT_EQ(ReadAlarms(kLogDir + "alarms.jsonl.1").size(), 1u);
     EXPECT_EQ(EventIds(filed), EventIds(logged));

@@ -17,10 +17,11 @@
 #include <set>
 #include <sstream>
 
-#include "AlarmFiles.h"
+#include "ScanLab.h"
 #include "support/NetLab.h"
 
 using namespace TestSupport;
+using namespace ScanLab;
 
 namespace {
 
@@ -99,44 +100,7 @@ std::string PolicyText(const std::string& hash) {
     task["only_master_interface"] = false;
     task["enable"] = true;
     task["task_condition"] = Json::Value(Json::objectValue);
-    Json::Value policy;
-    policy["feature_name"] = "portscan";
-    policy["hash"] = hash;
-    policy["enabled"] = true;
-    policy["content"]["is_feature_enable"] = true;
-    policy["content"]["port_scan_task"] = task;
-    return policy.toStyledString();
-}
-
-std::string AgentConfigText() {
-    Json::Value config;
-    config["log"]["level"] = "debug";
-    config["log"]["console"] = true;
-    config["log"]["file"] = "log/hostagent.log";
-    config["connect"].append("127.0.0.1:443");
-    config["cpu_limit_percent"] = 0;
-    config["modules"].append(PORTSCAN_MODULE_PATH);
-    config["policies"]["10001"] = "portscan.json";
-    Json::Value stdoutSink;
-    stdoutSink["type"] = "stdout";
-    Json::Value fileSink;
-    fileSink["type"] = "file";
-    fileSink["path"] = "alarms.jsonl";
-    config["report"]["sinks"].append(stdoutSink);
-    config["report"]["sinks"].append(fileSink);
-    return config.toStyledString();
-}
-
-unsigned AlarmPort(const Json::Value& alarm) {
-    return alarm["network_info"]["local_port"].asUInt();
-}
-
-std::multiset<unsigned> AlarmPorts(const std::vector<Json::Value>& alarms) {
-    std::multiset<unsigned> ports;
-    for (const auto& alarm : alarms) {
-        ports.insert(AlarmPort(alarm));
-    }
-    return ports;
+    return FeaturePolicyText(task, hash);
 }
 
 void ExpectAlarm(const Json::Value& alarm, const ExpectedAlarm& want, long notBefore) {
@@ -173,58 +137,6 @@ void ExpectAlarm(const Json::Value& alarm, const ExpectedAlarm& want, long notBe
     EXPECT_LE(alarm["occur_time"].asInt64(), static_cast<long>(time(nullptr)) + 5);
     ASSERT_TRUE(alarm["event_count"].isInt());
     EXPECT_GE(alarm["event_count"].asInt(), 1);
-}
-
-struct BpfInsn {
-    unsigned code, jt, jf, k;
-};
-
-// The classic BPF program the kernel holds for the packet socket of process `pid` in `netns`, as
-// `ss -0 -b -p` prints it; empty when there is none.
-std::vector<BpfInsn> AttachedFilter(const std::string& netns, pid_t pid) {
-    std::string out = Run({"ss", "-0", "-b", "-p"}, netns, Seconds(20)).output;
-    // A socket's record starts on an unindented line; the filter follows on indented ones.
-    std::vector<std::string> records;
-    std::stringstream stream(out);
-    for (std::string line; std::getline(stream, line);) {
-        if (records.empty() || (!line.empty() && !isspace(static_cast<unsigned char>(line[0])))) {
-            records.emplace_back();
-        }
-        records.back() += line + "\n";
-    }
-    static const std::regex kInsn("0x([0-9a-fA-F]+) ([0-9]+) ([0-9]+) ([0-9]+),");
-    for (const auto& record : records) {
-        if (record.find("pid=" + std::to_string(pid) + ",") == std::string::npos ||
-            record.find("bpf filter") == std::string::npos) {
-            continue;
-        }
-        std::vector<BpfInsn> program;
-        for (std::sregex_iterator it(record.begin(), record.end(), kInsn), end; it != end; ++it) {
-            program.push_back({static_cast<unsigned>(std::stoul((*it)[1], nullptr, 16)),
-                               static_cast<unsigned>(std::stoul((*it)[2])),
-                               static_cast<unsigned>(std::stoul((*it)[3])),
-                               static_cast<unsigned>(std::stoul((*it)[4]))});
-        }
-        return program;
-    }
-    return {};
-}
-
-// The destination ports a filter admits: the equality tests after the port load (code 0x48).
-std::vector<unsigned> FilterPorts(const std::vector<BpfInsn>& program) {
-    std::vector<unsigned> ports;
-    size_t i = 0;
-    while (i < program.size() && program[i].code != 0x48) {
-        ++i;
-    }
-    for (++i; i < program.size() && program[i].code == 0x15; ++i) {
-        ports.push_back(program[i].k);
-    }
-    return ports;
-}
-
-bool Contains(const std::vector<unsigned>& list, unsigned value) {
-    return std::find(list.begin(), list.end(), value) != list.end();
 }
 
 // Everything the run creates, torn down in reverse order: the agent and the listener are ended
@@ -312,7 +224,7 @@ protected:
 };
 
 TEST_F(PortScanE2E, RealScansRaiseExactlyTheExpectedAlarms) {
-    WriteFile(lab->dir.File("agent.json"), AgentConfigText());
+    WriteFile(lab->dir.File("agent.json"), AgentConfigText(PORTSCAN_MODULE_PATH));
     WriteFile(lab->dir.File("portscan.json"), PolicyText("first"));
 
     // A local program on a watched port, there before the agent looks.
