@@ -6,12 +6,14 @@ TSAN_BUILD = build-tsan
 CONFIG    ?= config/agent.json
 
 CMAKE_COMMON = -DCMAKE_BUILD_TYPE=Release
+# What the package holds; built alone so that `make package` needs no test build.
+PACKAGE_TARGETS = hostagent portscan_module packaging_docs
 
 # Recipes pipe ctest through tee: a failing test must still fail the recipe.
 SHELL := /bin/bash
 .SHELLFLAGS := -o pipefail -c
 
-.PHONY: all deps build run check test test-asan test-tsan demo format clean
+.PHONY: all deps build run check test test-asan test-tsan demo format clean install package
 
 all: build
 
@@ -21,6 +23,18 @@ deps:
 build: deps
 	cmake -S . -B $(BUILD) $(CMAKE_COMMON) -DHOSTAGENT_BUILD_TESTS=ON
 	cmake --build $(BUILD) -j$(JOBS)
+
+# The agent, its libraries, the module, config, unit, rotation and man page under DESTDIR (default /).
+install: deps
+	cmake -S . -B $(BUILD) $(CMAKE_COMMON)
+	cmake --build $(BUILD) -j$(JOBS) --target $(PACKAGE_TARGETS)
+	DESTDIR=$(DESTDIR) cmake --install $(BUILD)
+
+# $(BUILD)/hostagent_<version>_<arch>.deb
+package: deps
+	cmake -S . -B $(BUILD) $(CMAKE_COMMON)
+	cmake --build $(BUILD) -j$(JOBS) --target $(PACKAGE_TARGETS)
+	cd $(BUILD) && cpack -G DEB
 
 run: build
 	$(BUILD)/bin/hostagent --config $(CONFIG)

@@ -14,6 +14,8 @@ packages=(
   iproute2 nmap hping3 netcat-openbsd procps
   # make demo: edits the agent's configuration and prints alarms
   jq
+  # make package and its test: the .deb, its lint, the unit check, rotation, a real syslog collector
+  dpkg-dev fakeroot lintian systemd logrotate man-db rsyslog
 )
 
 missing=()

@@ -1,5 +1,6 @@
 #include "AgentConfig.h"
 
+#include "AgentTunables.h"
 #include "JsonText.h"
 #include "PolicyFile.h"
 
@@ -134,6 +135,68 @@ void ParsePolicies(const Json::Value& policies, const Resolver& resolve, std::ve
     }
 }
 
+// {"type": "syslog"} alone is the local syslog socket; with "address" a collector over "protocol"
+// "udp" (the default) or "tcp"; only TCP has a spool.
+Engine::ReportSink ParseSyslogSink(const Json::Value& sink, const std::string& where,
+                                   const Resolver& resolve) {
+    RejectUnknownKeys(sink, where, {"type", "path", "address", "protocol", "spool", "spool_max_bytes"});
+    Engine::ReportSink parsed;
+    parsed.kind = Engine::ReportSink::Kind::Syslog;
+    if (!sink.isMember("address")) {
+        for (const char* key : {"protocol", "spool", "spool_max_bytes"}) {
+            if (sink.isMember(key)) {
+                throw ConfigProblem(Quoted(where + "." + key) + " needs \"address\" (a remote collector)");
+            }
+        }
+        parsed.transport = Engine::ReportSink::Transport::Local;
+        parsed.path =
+            sink.isMember("path") ? resolve(NonEmptyString(sink["path"], where + ".path")) : kSyslogSocket;
+        return parsed;
+    }
+    if (sink.isMember("path")) {
+        throw ConfigProblem(Quoted(where + ".path") + " names the local syslog socket; not with \"address\"");
+    }
+    parsed.address = NonEmptyString(sink["address"], where + ".address");
+    std::size_t colon = parsed.address.rfind(':');
+    std::string port = colon == std::string::npos ? "" : parsed.address.substr(colon + 1);
+    if (colon == 0 || port.empty() || port.size() > 5 ||
+        port.find_first_not_of("0123456789") != std::string::npos || std::stoi(port) < 1 ||
+        std::stoi(port) > 65535) {
+        throw ConfigProblem(Quoted(where + ".address") + ": " + Quoted(parsed.address) +
+                            " is not of the form host:port (port 1..65535)");
+    }
+    std::string protocol =
+        sink.isMember("protocol")
+            ? Expect(sink["protocol"], Json::stringValue, where + ".protocol", "a string").asString()
+            : "udp";
+    if (protocol == "udp") {
+        parsed.transport = Engine::ReportSink::Transport::Udp;
+    } else if (protocol == "tcp") {
+        parsed.transport = Engine::ReportSink::Transport::Tcp;
+    } else {
+        throw ConfigProblem(Quoted(where + ".protocol") + ": unknown protocol " + Quoted(protocol) +
+                            " (use \"udp\" or \"tcp\")");
+    }
+    for (const char* key : {"spool", "spool_max_bytes"}) {
+        if (sink.isMember(key) && parsed.transport != Engine::ReportSink::Transport::Tcp) {
+            throw ConfigProblem(Quoted(where + "." + key) + " needs \"protocol\": \"tcp\"");
+        }
+    }
+    if (sink.isMember("spool")) {
+        parsed.spool = resolve(NonEmptyString(sink["spool"], where + ".spool"));
+    }
+    if (sink.isMember("spool_max_bytes")) {
+        const Json::Value& bound = sink["spool_max_bytes"];
+        if (!bound.isIntegral() || bound.asLargestInt() < kMinSpoolBytes ||
+            bound.asLargestInt() > kMaxSpoolBytes) {
+            throw ConfigProblem(Quoted(where + ".spool_max_bytes") + " must be an integer " +
+                                std::to_string(kMinSpoolBytes) + ".." + std::to_string(kMaxSpoolBytes));
+        }
+        parsed.spoolMaxBytes = static_cast<std::size_t>(bound.asLargestInt());
+    }
+    return parsed;
+}
+
 void ParseReport(const Json::Value& report, const Resolver& resolve, std::vector<Engine::ReportSink>& sinks) {
     Expect(report, Json::objectValue, "report", "an object");
     RejectUnknownKeys(report, "report", {"sinks"});
@@ -149,7 +212,7 @@ void ParseReport(const Json::Value& report, const Resolver& resolve, std::vector
         std::string where = "report.sinks[" + std::to_string(i) + "]";
         const Json::Value& sink = Expect(list[i], Json::objectValue, where, "an object");
         if (!sink.isMember("type")) {
-            throw ConfigProblem(Quoted(where + ".type") + " is missing (\"stdout\" or \"file\")");
+            throw ConfigProblem(Quoted(where + ".type") + " is missing (\"stdout\", \"file\" or \"syslog\")");
         }
         std::string type = Expect(sink["type"], Json::stringValue, where + ".type", "a string").asString();
         Engine::ReportSink parsed;
@@ -163,11 +226,15 @@ void ParseReport(const Json::Value& report, const Resolver& resolve, std::vector
             }
             parsed.kind = Engine::ReportSink::Kind::File;
             parsed.path = resolve(NonEmptyString(sink["path"], where + ".path"));
+        } else if (type == "syslog") {
+            parsed = ParseSyslogSink(sink, where, resolve);
         } else {
             throw ConfigProblem(Quoted(where + ".type") + ": unknown sink type " + Quoted(type) +
-                                " (use \"stdout\" or \"file\")");
+                                " (use \"stdout\", \"file\" or \"syslog\")");
         }
-        std::string identity = parsed.kind == Engine::ReportSink::Kind::Stdout ? "stdout" : parsed.path;
+        std::string identity = parsed.kind == Engine::ReportSink::Kind::Stdout ? "stdout"
+                               : parsed.address.empty()                        ? parsed.path
+                                                                               : parsed.address;
         if (!seen.insert(identity).second) {
             throw ConfigProblem(Quoted(where) + ": sink " + identity + " is listed twice");
         }

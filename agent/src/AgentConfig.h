@@ -23,7 +23,11 @@ struct PolicySource {
 //   "cpu_limit_percent": integer 0..100 (0 = no limit)
 //   "modules":           [ path of a module library, ... ]   loaded in this order
 //   "policies":          { feature key: path of a policy file, ... }
-//   "report":            { "sinks": [ { "type": "stdout" } | { "type": "file", "path": path }, ... ] }
+//   "report":            { "sinks": [ { "type": "stdout" } | { "type": "file", "path": path }
+//                                       | { "type": "syslog" [, "path": local socket] }
+//                                       | { "type": "syslog", "address": "host:port",
+//                                           "protocol": "udp"|"tcp", "spool": path (tcp),
+//                                           "spool_max_bytes": integer (tcp) }, ... ] }
 // Relative paths start at the config file's folder. Without "report", alarms go to stdout.
 struct AgentConfig {
     std::string file;    // the config file, absolute

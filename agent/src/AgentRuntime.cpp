@@ -136,6 +136,9 @@ void AgentRuntime::ServeUntilStopped() {
                          "[Agent] SIGHUP received, delivering every policy again");
             m_feed->DeliverAll();
         }
+        if (signal == SIGUSR1) {
+            ReopenFiles();
+        }
         if (Clock::now() >= nextPoll) {
             m_feed->Poll();
             nextPoll = Clock::now() + std::chrono::milliseconds(kPolicyPollIntervalMs);
@@ -145,6 +148,18 @@ void AgentRuntime::ServeUntilStopped() {
             nextReclaim = Clock::now() + std::chrono::milliseconds(kReclaimIntervalMs);
         }
     }
+}
+
+// After a rotation: the log (and module log files) and the alarm files are opened again by path.
+// Lines logged meanwhile went to the rotated files, so none is lost.
+void AgentRuntime::ReopenFiles() {
+    SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION,
+                 "[Agent] SIGUSR1 received, reopening the log and alarm files");
+    std::string error;
+    if (!SDK::LoggerUtils::GetInstance()->Configure(m_config.log, error)) {
+        SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Agent] Cannot reopen the log: %s", error);
+    }
+    m_reportTask->RequestReopen();
 }
 
 void AgentRuntime::Shutdown() {

@@ -40,6 +40,7 @@ private:
     bool StartBuiltinTasks();
     bool StartModules();
     void ServeUntilStopped();
+    void ReopenFiles();
     void Shutdown();
     void Fail(const std::string& message);
 

@@ -6,6 +6,14 @@
 #include <Poco/Util/HelpFormatter.h>
 #include <Poco/Util/Option.h>
 
+#include <Poco/Exception.h>
+#include <Poco/File.h>
+#include <Poco/Path.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
 #include <iostream>
 #include <sstream>
 
@@ -21,24 +29,70 @@ paths start at the config file's folder):
   "cpu_limit_percent"  0..100, CPU share per busy thread in percent of one core (0: no limit)
   "modules"            [module library, ...]  loaded in this order (each exports CreateModule)
   "policies"           {"feature key": policy file, ...}  each file holds one JSON object
-  "report"             {"sinks": [{"type": "stdout"} | {"type": "file", "path": file}, ...]}
-                       where alarm events go, one JSON document per line (default: stdout)
+  "report"             {"sinks": [{"type": "stdout"} | {"type": "file", "path": file}
+                                 | {"type": "syslog"[, "path": local socket (/dev/log)]}
+                                 | {"type": "syslog", "address": "host:port",
+                                    "protocol": "udp"|"tcp", "spool": file (tcp only),
+                                    "spool_max_bytes": 65536..1073741824 (tcp only)}, ...]}
+                       where alarm events go, one JSON document per line (default: stdout);
+                       syslog sinks send RFC 5424 messages (APP-NAME hostagent, MSGID the
+                       alarm's "event_classid", MSG the document), over TCP octet-counted
 
 Signals:
   SIGHUP               deliver every policy file again
+  SIGUSR1              reopen the log and alarm files (after a rotation)
   SIGINT, SIGTERM      stop: modules first, then the built-in tasks; queued alarms are written
-                       before the agent exits with status 0
+                       (or kept in the TCP syslog spool) before the agent exits with status 0
 
 Files:
   policy files         looked at every second; a changed file is delivered again; a file that
                        cannot be read is logged and retried; one that is not a JSON object is
                        delivered with a warning (the module reports its errors; --check-config
                        refuses it)
-  alarm files          JSON lines, appended, flushed per event; folders are created
+  alarm files          JSON lines, appended, written per event; folders are created; a file
+                       that is moved or removed is created again; writes that fail (disk full)
+                       are retried every second, the alarms kept meanwhile
+  syslog spool         alarms a TCP collector has not taken yet, sent in order once it is back
   log file             folders are created
 
 Packet capture by modules needs root or CAP_NET_RAW.
 )";
+
+// The process id in a file while the agent runs, for tools that signal it (log rotation without
+// a service manager). Removed when the agent ends.
+class PidFile {
+public:
+    explicit PidFile(const std::string& path) : m_path(path) {}
+    ~PidFile() {
+        if (m_written) {
+            std::remove(m_path.c_str());
+        }
+    }
+    bool Write(std::string& error) {
+        if (m_path.empty()) {
+            return true;
+        }
+        try {
+            Poco::File(Poco::Path(m_path).parent()).createDirectories();
+        } catch (const Poco::Exception& e) {
+            error = "cannot create the folder of pid file " + m_path + ": " + e.displayText();
+            return false;
+        }
+        std::ofstream out(m_path, std::ios::trunc);
+        out << getpid() << "\n";
+        out.close();
+        if (!out) {
+            error = "cannot write pid file " + m_path;
+            return false;
+        }
+        m_written = true;
+        return true;
+    }
+
+private:
+    std::string m_path;
+    bool m_written = false;
+};
 
 }  // namespace
 
@@ -57,6 +111,13 @@ void HostAgentApp::defineOptions(Poco::Util::OptionSet& options) {
                           .required(false)
                           .repeatable(false));
     options.addOption(
+        Poco::Util::Option("pid-file", "", "Write the agent's process id to FILE while it runs.")
+            .required(false)
+            .repeatable(false)
+            .argument("FILE"));
+    options.addOption(
+        Poco::Util::Option("version", "", "Print the version and exit.").required(false).repeatable(false));
+    options.addOption(
         Poco::Util::Option("help", "h", "Show this help and exit.").required(false).repeatable(false));
 }
 
@@ -65,6 +126,11 @@ void HostAgentApp::handleOption(const std::string& name, const std::string& valu
     if (name == "help") {
         m_help = true;
         stopOptionsProcessing();
+    } else if (name == "version") {
+        m_version = true;
+        stopOptionsProcessing();
+    } else if (name == "pid-file") {
+        m_pidFile = value;
     } else if (name == "config") {
         m_configPath = value;
     } else if (name == "check-config") {
@@ -78,7 +144,7 @@ std::string HostAgentApp::HelpText() {
     formatter.setUnixStyle(true);
     formatter.setWidth(100);
     formatter.setCommand("hostagent");
-    formatter.setUsage("--config FILE [--check-config] | --help");
+    formatter.setUsage("--config FILE [--check-config] [--pid-file FILE] | --version | --help");
     formatter.setHeader(
         "Host security agent: loads detection modules, feeds them their policies and "
         "reports their alarm events.");
@@ -90,6 +156,10 @@ std::string HostAgentApp::HelpText() {
 int HostAgentApp::main(const std::vector<std::string>& args) {
     if (m_help) {
         std::cout << HelpText();
+        return EXIT_OK;
+    }
+    if (m_version) {
+        std::cout << "hostagent " << HOSTAGENT_VERSION << "\n";
         return EXIT_OK;
     }
     if (!args.empty()) {
@@ -110,6 +180,11 @@ int HostAgentApp::main(const std::vector<std::string>& args) {
     if (m_checkOnly) {
         std::cout << "configuration OK\n";
         return EXIT_OK;
+    }
+    PidFile pidFile(m_pidFile);
+    if (!pidFile.Write(error)) {
+        std::cerr << "hostagent: " << error << "\n";
+        return EXIT_CANTCREAT;
     }
     AgentRuntime runtime(*this, config);
     return runtime.Run();

@@ -25,6 +25,8 @@ protected:
 private:
     bool m_help = false;
     bool m_checkOnly = false;
+    bool m_version = false;
+    std::string m_pidFile;
     std::string m_configPath;
 };
 

@@ -1,34 +1,21 @@
 #include "builtin_tasks/DataCommReportTask.h"
 
+#include "AlarmSinks.h"
+#include "ReportTunables.h"
 #include "framework/Message.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/LogStatement.h"
 
-#include <Poco/Exception.h>
-#include <Poco/File.h>
-#include <Poco/Path.h>
-
+#include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 
 namespace Engine {
 
 namespace {
 
-// How long Run waits for a message before it looks at its cancel state again.
-constexpr long kDequeueWaitMs = 200;
-
 const char* const kAlarmType = "2";
-
-// One output of alarm events. stdout is not owned; file sinks own their stream.
-struct OpenSink {
-    std::string label;  // "stdout" or the file path, for log lines
-    std::FILE* stream = nullptr;
-    bool owned = false;
-    bool failing = false;  // the last write failed; logged once per failure streak
-};
+// Sent by RequestReopen to wake the task; carries nothing.
+const char* const kReopenType = "reopen";
 
 // A body that is not JSON is written as it came, but with its line breaks escaped, so that one
 // event stays one line of the JSON-lines output and nothing of it is lost.
@@ -47,55 +34,54 @@ std::string EscapeLineBreaks(const std::string& body) {
     return line;
 }
 
-bool CreateParentFolder(const std::string& path, std::string& error) {
-    try {
-        Poco::Path parent(Poco::Path(path).parent());
-        if (!parent.toString().empty()) {
-            Poco::File(parent).createDirectories();
-        }
-        return true;
-    } catch (const Poco::Exception& e) {
-        error = e.displayText();
-        return false;
+long MillisecondsUntil(SinkClock::time_point when) {
+    if (when == SinkClock::time_point::max()) {
+        return kReportIdleWaitMs;
     }
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(when - SinkClock::now()).count();
+    return std::clamp<long>(static_cast<long>(left), 1, kReportIdleWaitMs);
 }
 
 }  // namespace
 
 struct DataCommReportTask::Impl {
-    std::vector<ReportSink> sinks;
-    std::vector<OpenSink> open;
+    std::vector<ReportSink> config;
+    std::vector<std::unique_ptr<AlarmSink>> sinks;
     std::atomic<std::size_t> reported{0};
+    std::atomic<bool> reopenRequested{false};
 
     void CloseAll() {
-        for (OpenSink& sink : open) {
-            if (sink.owned && sink.stream != nullptr) {
-                std::fclose(sink.stream);
-            }
+        for (auto& sink : sinks) {
+            sink->Close();
         }
-        open.clear();
+        sinks.clear();
     }
 
-    void WriteLine(const std::string& line) {
-        for (OpenSink& sink : open) {
-            bool ok = std::fwrite(line.data(), 1, line.size(), sink.stream) == line.size() &&
-                      std::fputc('\n', sink.stream) != EOF && std::fflush(sink.stream) == 0;
-            if (!ok && !sink.failing) {
-                SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Report] Cannot write alarm to %s: %s", sink.label,
-                             std::string(std::strerror(errno)));
+    // Sinks whose retry is due try again; returns how long the task may sleep after that.
+    long RetryDue() {
+        SinkClock::time_point next = SinkClock::time_point::max();
+        for (auto& sink : sinks) {
+            if (sink->NextRetry() <= SinkClock::now()) {
+                sink->Retry();
             }
-            if (ok && sink.failing) {
-                SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Report] Writing alarms to %s again",
-                             sink.label);
+            next = std::min(next, sink->NextRetry());
+        }
+        return MillisecondsUntil(next);
+    }
+
+    void ReopenIfRequested() {
+        if (reopenRequested.exchange(false)) {
+            SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Report] Reopening alarm files");
+            for (auto& sink : sinks) {
+                sink->Reopen();
             }
-            sink.failing = !ok;
         }
     }
 };
 
 DataCommReportTask::DataCommReportTask(const std::vector<ReportSink>& sinks)
     : Framework::Task(kTaskName, "builtin", 0, kQueueSize), m_impl(new Impl) {
-    m_impl->sinks = sinks;
+    m_impl->config = sinks;
 }
 
 DataCommReportTask::~DataCommReportTask() {
@@ -104,33 +90,20 @@ DataCommReportTask::~DataCommReportTask() {
 
 bool DataCommReportTask::Init() {
     m_impl->CloseAll();
-    for (const ReportSink& sink : m_impl->sinks) {
-        OpenSink open;
-        if (sink.kind == ReportSink::Kind::Stdout) {
-            open.label = "stdout";
-            open.stream = stdout;
-        } else {
-            open.label = sink.path;
-            open.owned = true;
-            std::string error;
-            if (!CreateParentFolder(sink.path, error)) {
-                SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
-                             "[Report] Cannot create the folder of alarm file %s: %s", sink.path, error);
-                m_impl->CloseAll();
-                return false;
-            }
-            open.stream = std::fopen(sink.path.c_str(), "a");
-            if (open.stream == nullptr) {
-                SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Report] Cannot open alarm file %s: %s", sink.path,
-                             std::string(std::strerror(errno)));
-                m_impl->CloseAll();
-                return false;
-            }
+    for (const ReportSink& config : m_impl->config) {
+        std::unique_ptr<AlarmSink> sink =
+            config.kind == ReportSink::Kind::Syslog
+                ? MakeSyslogSink(config)
+                : MakeLineSink(config.kind == ReportSink::Kind::File ? config.path : "");
+        std::string error;
+        if (!sink->Open(error)) {
+            m_impl->CloseAll();
+            return false;
         }
-        m_impl->open.push_back(open);
+        m_impl->sinks.push_back(std::move(sink));
     }
     SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Report] Reporting alarms to %z sink(s)",
-                 m_impl->open.size());
+                 m_impl->sinks.size());
     return true;
 }
 
@@ -145,13 +118,17 @@ bool DataCommReportTask::UnInit() {
 }
 
 int DataCommReportTask::Run() {
-    // DequeueMsg wakes up as soon as the runtime asks the task to stop.
+    // Sleeps on the queue until a message comes or a sink's retry is due; DequeueMsg wakes up as
+    // soon as the runtime asks the task to stop.
+    long wait = m_impl->RetryDue();
     while (!isCancelled()) {
-        Framework::Message* msg = DequeueMsg(kDequeueWaitMs);
+        Framework::Message* msg = DequeueMsg(wait);
         if (msg != nullptr) {
             HandleMsg(msg);
             delete msg;
         }
+        m_impl->ReopenIfRequested();
+        wait = m_impl->RetryDue();
         MarkActivity();
     }
     std::size_t drained = 0;
@@ -168,6 +145,10 @@ bool DataCommReportTask::HandleMsg(Framework::Message* msg) {
     if (msg == nullptr) {
         return false;
     }
+    if (msg->GetType() == kReopenType) {
+        m_impl->ReopenIfRequested();
+        return true;
+    }
     if (msg->GetType() != kAlarmType) {
         SDK_ROOT_LOG(Poco::Message::PRIO_DEBUG, "[Report] Dropping message of type %s", msg->GetType());
         return false;
@@ -179,19 +160,30 @@ bool DataCommReportTask::HandleMsg(Framework::Message* msg) {
     }
     const std::string& body = data->GetBody();
     Json::Value root;
-    std::string line;
+    AlarmLine alarm;
     int parsed = SDK::JsonUtils::ParseJsonStr(body.c_str(), body.size(), root);
     if (parsed == SDK::JsonUtils::kParseOk) {
-        line = SDK::JsonUtils::JsonToString(root);
+        alarm.line = SDK::JsonUtils::JsonToString(root);
+        if (root.isObject() && root["event_classid"].isString()) {
+            alarm.classId = root["event_classid"].asString();
+        }
     } else {
         SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
                      "[Report] Alarm body is not a JSON object (%d), written as received: %s", parsed,
                      EscapeLineBreaks(body));
-        line = EscapeLineBreaks(body);
+        alarm.line = EscapeLineBreaks(body);
     }
-    m_impl->WriteLine(line);
+    for (auto& sink : m_impl->sinks) {
+        sink->Write(alarm);
+    }
     m_impl->reported.fetch_add(1, std::memory_order_relaxed);
     return true;
+}
+
+void DataCommReportTask::RequestReopen() {
+    m_impl->reopenRequested.store(true);
+    // Only a wake-up: should the queue be full, the next alarm finds the request.
+    EnqueueMsg(new Framework::Message(kReopenType));
 }
 
 std::size_t DataCommReportTask::GetReportedCount() const {

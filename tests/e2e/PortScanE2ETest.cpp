@@ -103,14 +103,6 @@ std::string PolicyText(const std::string& hash) {
     return FeaturePolicyText(task, hash);
 }
 
-std::set<std::string> EventIds(const std::vector<Json::Value>& alarms) {
-    std::set<std::string> ids;
-    for (const auto& alarm : alarms) {
-        ids.insert(alarm["event_id"].asString());
-    }
-    return ids;
-}
-
 void ExpectAlarm(const Json::Value& alarm, const ExpectedAlarm& want, long notBefore) {
     SCOPED_TRACE("alarm for port " + std::to_string(want.port) + ": " + alarm.toStyledString());
     EXPECT_EQ(alarm["event_classid"].asString(), want.classId);

@@ -119,6 +119,14 @@ std::multiset<unsigned> AlarmPorts(const std::vector<Json::Value>& alarms) {
     return ports;
 }
 
+std::set<std::string> EventIds(const std::vector<Json::Value>& alarms) {
+    std::set<std::string> ids;
+    for (const auto& alarm : alarms) {
+        ids.insert(alarm["event_id"].asString());
+    }
+    return ids;
+}
+
 std::vector<BpfInsn> AttachedFilter(const std::string& netns, pid_t pid, const std::string& protocol) {
     std::string out = Run({"ss", "-0", "-b", "-p"}, netns, Seconds(20)).output;
     // A socket's record starts on an unindented line; the filter follows on indented ones.

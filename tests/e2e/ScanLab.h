@@ -38,6 +38,9 @@ std::vector<Json::Value> LoggedAlarms(const std::string& logPath);
 unsigned AlarmPort(const Json::Value& alarm);
 std::multiset<unsigned> AlarmPorts(const std::vector<Json::Value>& alarms);
 
+// The "event_id" of each alarm.
+std::set<std::string> EventIds(const std::vector<Json::Value>& alarms);
+
 struct BpfInsn {
     unsigned code, jt, jf, k;
 };

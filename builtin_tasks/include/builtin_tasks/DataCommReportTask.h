@@ -2,6 +2,7 @@
 
 #include "framework/Task.h"
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,14 +11,27 @@ namespace Engine {
 
 // Where alarm events go.
 struct ReportSink {
-    enum class Kind { Stdout, File };
+    enum class Kind { Stdout, File, Syslog };
+    // How a syslog sink reaches its collector.
+    enum class Transport { Local, Udp, Tcp };
     Kind kind = Kind::Stdout;
-    std::string path;  // for Kind::File: JSON-lines file, appended
+    // Kind::File: JSON-lines file, appended. Kind::Syslog with Transport::Local: the local syslog
+    // socket (a datagram Unix socket).
+    std::string path;
+    Transport transport = Transport::Local;
+    std::string address;  // Udp and Tcp: the collector as "host:port"
+    // Tcp: alarms not yet sent are kept in this file across outages and restarts ("" keeps them in
+    // memory only); at most `spoolMaxBytes` of them, the oldest dropped first.
+    std::string spool;
+    std::size_t spoolMaxBytes = 0;  // 0: the default bound
 };
 
 // "data_comm_report_task": receives DataMessages; type "2" is an alarm event whose body is one JSON
-// document. Each event is written, as one line, to every sink, flushed per event. On cancellation
-// it first drains its queue: an event it accepted is never lost.
+// document. Each event is written, as one line, to every file sink and sent as one RFC 5424 message
+// (MSG: that line) to every syslog sink. An event a sink cannot take at once is kept and retried
+// (bounded, the oldest dropped first with one warning); a TCP syslog sink keeps it in its spool file,
+// also across a restart. On cancellation the task first drains its queue: an event it accepted is
+// never lost while its sink can recover.
 class DataCommReportTask : public Framework::Task {
 public:
     static constexpr const char* kTaskName = "data_comm_report_task";
@@ -27,14 +41,18 @@ public:
     explicit DataCommReportTask(const std::vector<ReportSink>& sinks);
     ~DataCommReportTask() override;
 
-    // Opens the file sinks (creating parent folders). False, with an error line, when one cannot be
-    // opened.
+    // Opens the sinks (creating parent folders, loading a spool). False, with an error line, when
+    // one cannot be opened.
     bool Init() override;
     bool UnInit() override;
     int Run() override;
     bool HandleMsg(Framework::Message* msg) override;
 
-    // Events written so far.
+    // Asks the task to close and open its alarm files again (after they were rotated). Returns at
+    // once; the task does it between two events.
+    void RequestReopen();
+
+    // Events handled so far.
     std::size_t GetReportedCount() const;
 
 private:

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+
+namespace Engine {
+
+// Every tunable of the report task, with the reason for its value.
+
+// With nothing to retry the task sleeps on its queue; this only bounds that wait, it is no timer.
+constexpr long kReportIdleWaitMs = 24L * 3600 * 1000;
+
+// A sink that failed (disk full, folder gone, socket missing) is tried again once a second: soon
+// enough that a freed disk takes the backlog at once, rare enough to cost nothing.
+constexpr long kSinkRetryMs = 1000;
+
+// Alarms a file or datagram sink keeps while it cannot write: about 8,000 typical alarm documents,
+// far more than a module raises in an hour, and a bounded amount of memory.
+constexpr std::size_t kSinkBacklogBytes = 8 * 1024 * 1024;
+
+// Default bound of a TCP syslog spool: a day-long outage of a busy host fits.
+constexpr std::size_t kDefaultSpoolMaxBytes = 16 * 1024 * 1024;
+
+// Reconnects to a collector back off from one second to half a minute: a restarting collector is
+// reached quickly, one that is down for long is not hammered by a fleet.
+constexpr long kReconnectFirstMs = 1000;
+constexpr long kReconnectMaxMs = 30000;
+
+// A connect or a send that takes longer than this counts as a collector that is down; the alarm
+// stays in the spool.
+constexpr int kCollectorTimeoutMs = 5000;
+
+}  // namespace Engine

@@ -1,0 +1,316 @@
+// The report task's sinks under faults: a TCP collector that is down (spool, restart, bound), an
+// alarm file whose folder disappears, and a full disk.
+#include "builtin_tasks/DataCommReportTask.h"
+#include "framework/Message.h"
+#include "sdk/JsonUtils.h"
+#include "support/LogCapture.h"
+#include "support/NetLab.h"
+#include "support/TestEngine.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Engine::DataCommReportTask;
+using Engine::ReportSink;
+using namespace TestSupport;
+
+std::string Alarm(int seq) {
+    // Padding makes each alarm about 200 bytes, so a small spool bound holds only a few.
+    // Keys in the order the report task writes them, so a file line equals this text.
+    return R"({"event_classid":"portscan_0002","pad":")" + std::string(150, 'x') + R"(","seq":)" +
+           std::to_string(seq) + "}";
+}
+
+// Registers a report task with `sinks`, hands it `alarms` and unregisters it (what SIGTERM does).
+void ReportAndStop(const std::vector<ReportSink>& sinks, const std::vector<std::string>& alarms,
+                   Millis before = Millis(0)) {
+    auto* task = new DataCommReportTask(sinks);
+    ASSERT_TRUE(TestEngine().RegisterTask(task, true));
+    for (const std::string& alarm : alarms) {
+        ASSERT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", alarm)));
+    }
+    WaitUntil([] { return false; }, before);
+    ASSERT_TRUE(TestEngine().UnRegisterTask(DataCommReportTask::kTaskName));
+}
+
+// A TCP listener on 127.0.0.1 that reads RFC 6587 octet-counted frames.
+class Collector {
+public:
+    explicit Collector(unsigned port = 0) {
+        m_listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        int on = 1;
+        setsockopt(m_listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        socklen_t length = sizeof(address);
+        m_ok = bind(m_listener, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+               listen(m_listener, 4) == 0 &&
+               getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+        m_port = ntohs(address.sin_port);
+    }
+    ~Collector() {
+        for (int fd : {m_listener, m_peer}) {
+            if (fd >= 0) {
+                close(fd);
+            }
+        }
+    }
+
+    // Frames received until `count` arrived or `timeout` passed; a bad length fails the test.
+    std::vector<std::string> Frames(std::size_t count, Millis timeout) {
+        WaitUntil(
+            [&] {
+                Pump();
+                return m_frames.size() >= count;
+            },
+            timeout);
+        return m_frames;
+    }
+    // True when the sender closed its end, after reading what was left.
+    bool SenderClosed(Millis timeout) {
+        return WaitUntil([&] { return Pump() == 0; }, timeout);
+    }
+
+    bool m_ok = false;
+    unsigned m_port = 0;
+
+private:
+    // Reads what is there; returns the bytes read, 0 at end of stream, -1 when nothing waits.
+    ssize_t Pump() {
+        if (m_peer < 0) {
+            pollfd ready{m_listener, POLLIN, 0};
+            if (poll(&ready, 1, 0) != 1) {
+                return -1;
+            }
+            m_peer = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
+        }
+        pollfd ready{m_peer, POLLIN, 0};
+        if (poll(&ready, 1, 0) != 1) {
+            return -1;
+        }
+        char buffer[4096];
+        ssize_t n = read(m_peer, buffer, sizeof(buffer));
+        m_buffer.append(buffer, n > 0 ? static_cast<std::size_t>(n) : 0);
+        for (std::size_t space; (space = m_buffer.find(' ')) != std::string::npos;) {
+            std::size_t length = std::stoul(m_buffer.substr(0, space));
+            EXPECT_EQ(m_buffer.find_first_not_of("0123456789"), space) << m_buffer;
+            if (m_buffer.size() < space + 1 + length) {
+                break;
+            }
+            m_frames.push_back(m_buffer.substr(space + 1, length));
+            m_buffer.erase(0, space + 1 + length);
+        }
+        return n;
+    }
+
+    int m_listener = -1;
+    int m_peer = -1;
+    std::string m_buffer;
+    std::vector<std::string> m_frames;
+};
+
+// The seq of an RFC 5424 message whose header is what the agent promises and whose MSG is the
+// alarm document; -1 when anything differs.
+int SeqOf(const std::string& message) {
+    static const std::regex header(
+        R"(<28>1 \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z \S+ hostagent (\d+) portscan_0002 - (.*))");
+    std::smatch match;
+    Json::Value alarm;
+    if (!std::regex_match(message, match, header) || std::stoi(match[1]) != getpid() ||
+        SDK::JsonUtils::ParseJsonStr(match[2].str().c_str(), match[2].length(), alarm) != 0 ||
+        match[2].str() != SDK::JsonUtils::JsonToString(alarm)) {
+        ADD_FAILURE() << "unexpected message: " << message;
+        return -1;
+    }
+    return alarm["seq"].asInt();
+}
+
+TEST(ReportSinkFaultsTest, TcpSyslogSpoolsWhileTheCollectorIsDownAndSendsEachAlarmOnceInOrder) {
+    TestEngine();
+    RecordingChannel& logs = CaptureLogs();
+    TempDir dir;
+    unsigned port = 0;
+    {
+        Collector probe;  // a free port, closed again: the collector is down
+        ASSERT_TRUE(probe.m_ok);
+        port = probe.m_port;
+    }
+    ReportSink sink;
+    sink.kind = ReportSink::Kind::Syslog;
+    sink.transport = ReportSink::Transport::Tcp;
+    sink.address = "127.0.0.1:" + std::to_string(port);
+    sink.spool = dir.File("state/syslog.spool");
+    sink.spoolMaxBytes = 6 * 260;  // about six of these alarms
+
+    // Down: twenty alarms, the agent stops; the spool keeps the newest that fit.
+    std::vector<std::string> alarms;
+    for (int seq = 0; seq < 20; ++seq) {
+        alarms.push_back(Alarm(seq));
+    }
+    ReportAndStop({sink}, alarms);
+    EXPECT_EQ(logs.CountContaining("Cannot send alarms to syslog collector"), 1u);
+    ASSERT_EQ(logs.CountContaining("oldest alarm(s) dropped"), 1u);
+    std::size_t dropped = 0;
+    for (const std::string& text : logs.Texts()) {
+        if (text.find("oldest alarm(s) dropped") != std::string::npos) {
+            dropped = std::stoul(text.substr(text.rfind(": ") + 2));
+        }
+    }
+    ASSERT_GT(dropped, 0u);
+    ASSERT_LT(dropped, 20u);
+    EXPECT_LE(ReadFile(sink.spool).size(), sink.spoolMaxBytes);
+
+    // Back: the next run sends the spooled alarms, then its own, each once and in order.
+    Collector collector(port);
+    ASSERT_TRUE(collector.m_ok);
+    ReportAndStop({sink}, {Alarm(20), Alarm(21)}, Millis(500));
+    ASSERT_TRUE(collector.SenderClosed(Millis(10000)));
+    std::vector<int> seqs;
+    for (const std::string& frame : collector.Frames(0, Millis(0))) {
+        seqs.push_back(SeqOf(frame));
+    }
+    std::vector<int> expected;
+    for (int seq = static_cast<int>(dropped); seq < 22; ++seq) {
+        expected.push_back(seq);
+    }
+    EXPECT_EQ(seqs, expected);
+    EXPECT_EQ(ReadFile(sink.spool), "");
+    EXPECT_EQ(logs.CountContaining("from spool"), 1u);
+}
+
+// A datagram socket where a local syslog daemon would listen.
+struct LocalSyslog {
+    explicit LocalSyslog(const std::string& path) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        m_ok = bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    }
+    ~LocalSyslog() { close(m_fd); }
+    std::vector<std::string> Messages(std::size_t count) {
+        std::vector<std::string> messages;
+        WaitUntil(
+            [&] {
+                char buffer[4096];
+                for (ssize_t n; (n = recv(m_fd, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0;) {
+                    messages.emplace_back(buffer, static_cast<std::size_t>(n));
+                }
+                return messages.size() >= count;
+            },
+            Millis(5000));
+        return messages;
+    }
+    int m_fd;
+    bool m_ok = false;
+};
+
+TEST(ReportSinkFaultsTest, LocalSyslogSocketSurvivesADaemonRestart) {
+    TempDir dir;
+    ReportSink sink;
+    sink.kind = ReportSink::Kind::Syslog;
+    sink.path = dir.File("log.sock");
+    auto daemon = std::make_unique<LocalSyslog>(sink.path);
+    ASSERT_TRUE(daemon->m_ok);
+    auto* task = new DataCommReportTask({sink});
+    ASSERT_TRUE(TestEngine().RegisterTask(task, true));
+    ASSERT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", Alarm(0))));
+    std::vector<std::string> first = daemon->Messages(1);
+    // The daemon restarts: a new socket at the same path. Alarms sent in between wait for it.
+    daemon.reset();
+    unlink(sink.path.c_str());
+    ASSERT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", Alarm(1))));
+    daemon = std::make_unique<LocalSyslog>(sink.path);
+    ASSERT_TRUE(daemon->m_ok);
+    ASSERT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", Alarm(2))));
+    std::vector<std::string> second = daemon->Messages(2);
+    ASSERT_TRUE(TestEngine().UnRegisterTask(DataCommReportTask::kTaskName));
+    ASSERT_EQ(first.size(), 1u);
+    ASSERT_EQ(second.size(), 2u);
+    EXPECT_EQ(SeqOf(first[0]), 0);
+    EXPECT_EQ(SeqOf(second[0]), 1);
+    EXPECT_EQ(SeqOf(second[1]), 2);
+}
+
+// A tmpfs of its own, unmounted (lazily) at the end.
+struct SmallDisk {
+    explicit SmallDisk(const std::string& path) : m_path(path) {
+        mkdir(path.c_str(), 0700);
+        m_ok = mount("tmpfs", path.c_str(), "tmpfs", 0, "size=64k") == 0;
+    }
+    ~SmallDisk() {
+        if (m_ok) {
+            umount2(m_path.c_str(), MNT_DETACH);
+        }
+    }
+    std::string m_path;
+    bool m_ok = false;
+};
+
+TEST(ReportSinkFaultsTest, AlarmFileSurvivesItsFolderRemovedAndAFullDisk) {
+    TestEngine();
+    RecordingChannel& logs = CaptureLogs();
+    TempDir dir;
+    ReportSink sink;
+    sink.kind = ReportSink::Kind::File;
+
+    // The folder goes away between two alarms: it is made again and the second alarm lands.
+    sink.path = dir.File("gone/alarms.jsonl");
+    {
+        auto* task = new DataCommReportTask({sink});
+        ASSERT_TRUE(TestEngine().RegisterTask(task, true));
+        ASSERT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", R"({"seq":1})")));
+        ASSERT_TRUE(WaitUntil([&] { return ReadLines(sink.path).size() == 1; }, Millis(5000)));
+        MustRun({"rm", "-rf", dir.File("gone")});
+        ASSERT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", R"({"seq":2})")));
+        ASSERT_TRUE(TestEngine().UnRegisterTask(DataCommReportTask::kTaskName));
+    }
+    EXPECT_EQ(ReadLines(sink.path), std::vector<std::string>{R"({"seq":2})"});
+    EXPECT_EQ(logs.CountContaining("was moved or removed"), 1u);
+
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "the full-disk half needs root (it mounts a small tmpfs)";
+    }
+    SmallDisk disk(dir.File("disk"));
+    ASSERT_TRUE(disk.m_ok);
+    sink.path = disk.m_path + "/alarms.jsonl";
+    const std::string filler = disk.m_path + "/filler";
+    {
+        std::ofstream fill(filler);
+        fill << std::string(128 * 1024, 'f');  // more than fits: the disk is full afterwards
+    }
+    logs.Clear();
+    auto* task = new DataCommReportTask({sink});
+    ASSERT_TRUE(TestEngine().RegisterTask(task, true));
+    std::vector<std::string> expected;
+    for (int seq = 0; seq < 50; ++seq) {
+        expected.push_back(Alarm(seq));
+        ASSERT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", expected.back())));
+    }
+    ASSERT_TRUE(WaitUntil([&] { return logs.CountContaining("Cannot write alarm to") > 0; }, Millis(5000)));
+    unlink(filler.c_str());
+    // Written by the next retry, within about a second, whole lines in order.
+    EXPECT_TRUE(WaitUntil([&] { return ReadLines(sink.path).size() >= expected.size(); }, Millis(5000)));
+    ASSERT_TRUE(TestEngine().UnRegisterTask(DataCommReportTask::kTaskName));
+    EXPECT_EQ(ReadLines(sink.path), expected);
+    EXPECT_EQ(logs.CountContaining("Cannot write alarm to"), 1u);
+    EXPECT_EQ(logs.CountContaining("Writing alarms to " + sink.path + " again"), 1u);
+}
+
+}  // namespace
