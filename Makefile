@@ -5,7 +5,9 @@ ASAN_BUILD = build-asan
 TSAN_BUILD = build-tsan
 CONFIG    ?= config/agent.json
 
-CMAKE_COMMON = -DCMAKE_BUILD_TYPE=Release
+# The install layout is a Debian package's (/usr/sbin, /usr/lib/hostagent), also in build folders
+# configured before it was the default.
+CMAKE_COMMON = -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr
 # What the package holds; built alone so that `make package` needs no test build.
 PACKAGE_TARGETS = hostagent portscan_module packaging_docs
 
