@@ -5,7 +5,6 @@
 // file behind. The machine is restored (purged) also when the test fails.
 
 #include "ScanLab.h"
-#include "support/NetLab.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,7 +12,6 @@
 #include <unistd.h>
 
 #include <ctime>
-#include <iostream>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -65,65 +63,42 @@ std::vector<Json::Value> AlarmsIn(std::initializer_list<std::string> files) {
     return all;
 }
 
-// Ends the agent, then purges what this test installed.
-struct PackageLab {
-    TempDir dir;
-    std::string tag = std::to_string(getpid());
-    NetNs mon{"pk" + tag + "-mon"};
-    NetNs scanner{"pk" + tag + "-scan"};
-    std::unique_ptr<Child> agent;
-    bool installed = false;
-
-    PackageLab() {
-        AddVethPair(mon, "to-scan", std::string(kMonitoredAddr) + "/24", scanner, "eth0",
-                    std::string(kScannerAddr) + "/24");
-    }
+// Ends the agent, then purges what this test installed; the agent's files go to the lab's folder
+// first when the test failed.
+struct PackageLab : Lab {
+    PackageLab() : Lab("pk", kMonitoredAddr, kScannerAddr) {}
     ~PackageLab() {
         agent.reset();
-        if (installed) {
-            RunResult purge = Dpkg({"--purge", "hostagent"});
-            if (purge.code != 0) {
-                std::cerr << "dpkg --purge hostagent failed:\n" << purge.output;
-            }
+        if (::testing::Test::HasFailure()) {
+            Run({"cp", "-a", kLogDir + ".", dir.Path() + "/"});
+        }
+        if (installed && Dpkg({"--purge", "hostagent"}).code != 0) {
+            ADD_FAILURE() << "dpkg --purge hostagent failed";
         }
     }
-
-    void Scan(unsigned port) {
-        RunResult result = Run({"hping3", "-q", "-S", "-c", "2", "-i", "u200000", "-p", std::to_string(port),
-                                "-s", "43000", "-k", kMonitoredAddr},
-                               scanner.Name(), Seconds(30));
-        EXPECT_EQ(result.code, 0) << "hping3 failed:\n" << result.output;
-    }
+    bool installed = false;
 };
 
 class PackageE2E : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (geteuid() != 0) {
-            GTEST_SKIP() << "needs root: it installs and purges the package";
-        }
-        for (const char* tool :
-             {"cpack", "dpkg", "lintian", "logrotate", "systemd-analyze", "hping3", "ip"}) {
-            if (FindProgram(tool).empty()) {
-                GTEST_SKIP() << tool << " is missing (scripts/install-deps.sh installs it)";
-            }
+        if (const std::string why = MissingPrerequisite(
+                {"cpack", "dpkg", "lintian", "logrotate", "systemd-analyze", "hping3", "ip"});
+            !why.empty()) {
+            GTEST_SKIP() << why;
         }
         if (Installed()) {
             GTEST_SKIP() << "hostagent is installed on this machine; the test will not replace it";
         }
-        RemoveStaleNamespaces("pk");
         before = PathsNamedLikeThePackage();
         lab = std::make_unique<PackageLab>();
     }
     void TearDown() override {
-        if (lab && HasFailure()) {
-            lab->dir.Keep();
-            MustRun({"sh", "-c", "cp -a " + kLogDir + ". " + lab->dir.Path() + "/ 2>/dev/null || true"});
-            std::cerr << "files kept in " << lab->dir.Path() << "\n";
+        if (lab) {
+            lab.reset();
+            EXPECT_FALSE(Installed()) << "the package is still installed";
+            EXPECT_EQ(PathsNamedLikeThePackage(), before) << "the purge left files behind (or removed some)";
         }
-        lab.reset();
-        EXPECT_FALSE(Installed()) << "the package is still installed";
-        EXPECT_EQ(PathsNamedLikeThePackage(), before) << "the purge left files behind (or removed some)";
     }
 
     std::string before;
@@ -186,7 +161,7 @@ TEST_F(PackageE2E, InstallsRunsReportsRotatesAndPurgesClean) {
     EXPECT_EQ(ReadFile("/run/hostagent/hostagent.pid"), std::to_string(lab->agent->Pid()) + "\n");
 
     // A paced SYN scan of a port of the shipped policy: its alarm reaches the installed alarm file.
-    lab->Scan(21);
+    lab->Scan(Hping("-S", 21, 2, "u200000", 43000, kMonitoredAddr));
     ASSERT_TRUE(WaitUntil([&] { return ReadAlarms(kLogDir + "alarms.jsonl").size() >= 1; },
                           Seconds(started + 110 - time(nullptr))))
         << "no alarm in " << kLogDir << "alarms.jsonl";
@@ -199,15 +174,11 @@ TEST_F(PackageE2E, InstallsRunsReportsRotatesAndPurgesClean) {
     ASSERT_EQ(rotate.code, 0) << rotate.output;
     ASSERT_TRUE(WaitForLine(kLogDir + "hostagent.log", "[Report] Reopening alarm files", Seconds(10)))
         << "the agent did not reopen its files after the rotation";
-    lab->Scan(23);
+    lab->Scan(Hping("-S", 23, 2, "u200000", 43000, kMonitoredAddr));
     ASSERT_TRUE(WaitUntil([&] { return ReadAlarms(kLogDir + "alarms.jsonl").size() >= 1; },
                           Seconds(started + 200 - time(nullptr))))
         << "no alarm in the new alarm file";
-    lab->agent->Signal(SIGTERM);
-    std::optional<int> code = lab->agent->WaitExit(Seconds(30));
-    ASSERT_TRUE(code);
-    EXPECT_EQ(*code, 0);
-    lab->agent.reset();
+    lab->StopAgent();
     EXPECT_NE(access("/run/hostagent/hostagent.pid", F_OK), 0) << "the pid file stayed";
 
     // No line lost: what the log says was sent, in the old and the new log, is what the old and the

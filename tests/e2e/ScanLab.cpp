@@ -1,38 +1,28 @@
 #include "ScanLab.h"
 
-#include "support/NetLab.h"
-
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <iostream>
 #include <memory>
 #include <regex>
 #include <sstream>
 
 namespace ScanLab {
 
+using namespace TestSupport;
 using TestSupport::ReadFile;
 using TestSupport::Run;
 using TestSupport::Seconds;
 
 std::string AgentConfigText(const std::string& modulePath) {
-    Json::Value config;
-    config["log"]["level"] = "debug";
-    config["log"]["console"] = true;
-    config["log"]["file"] = "log/hostagent.log";
-    config["connect"].append("127.0.0.1:443");
-    config["cpu_limit_percent"] = 0;
-    config["modules"].append(modulePath);
-    config["policies"]["10001"] = "portscan.json";
-    Json::Value stdoutSink;
-    stdoutSink["type"] = "stdout";
-    Json::Value fileSink;
-    fileSink["type"] = "file";
-    fileSink["path"] = "alarms.jsonl";
-    config["report"]["sinks"].append(stdoutSink);
-    config["report"]["sinks"].append(fileSink);
-    return config.toStyledString();
+    return R"({"log": {"level": "debug", "console": true, "file": "log/hostagent.log"},
+        "connect": ["127.0.0.1:443"], "cpu_limit_percent": 0, "modules": [")" +
+           modulePath + R"("], "policies": {"10001": "portscan.json"},
+        "report": {"sinks": [{"type": "stdout"}, {"type": "file", "path": "alarms.jsonl"}]}})";
 }
 
 std::string FeaturePolicyText(const Json::Value& task, const std::string& hash) {
@@ -185,6 +175,126 @@ std::vector<unsigned> FilterPorts6(const std::vector<BpfInsn>& program) {
 
 bool Contains(const std::vector<unsigned>& list, unsigned value) {
     return std::find(list.begin(), list.end(), value) != list.end();
+}
+
+size_t Occurrences(const std::string& text, const std::string& needle) {
+    size_t count = 0;
+    for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+std::string MissingPrerequisite(std::initializer_list<const char*> tools) {
+    if (geteuid() != 0) {
+        return "needs root: it builds network namespaces and runs raw-socket scanners";
+    }
+    for (const char* tool : tools) {
+        if (FindProgram(tool).empty()) {
+            return std::string(tool) + " is missing (scripts/install-deps.sh installs it)";
+        }
+    }
+    return "";
+}
+
+std::vector<std::string> Hping(const std::string& mode, unsigned port, int count, const std::string& interval,
+                               int sourcePort, const std::string& target) {
+    return {"hping3",
+            "-q",
+            mode,
+            "-c",
+            std::to_string(count),
+            "-i",
+            interval,
+            "-p",
+            std::to_string(port),
+            "-s",
+            std::to_string(sourcePort),
+            "-k",
+            target};
+}
+
+Lab::Lab(const std::string& namePrefix, const std::string& monitoredAddr, const std::string& scannerAddr)
+    // Namespaces a killed run left behind go before this run makes its own.
+    : prefix((RemoveStaleNamespaces(namePrefix), namePrefix)),
+      tag(std::to_string(getpid())),
+      mon(Namespace("mon")),
+      scanner(Namespace("scan")) {
+    AddVethPair(mon, "to-scan", monitoredAddr + "/24", scanner, "eth0", scannerAddr + "/24");
+}
+
+Lab::~Lab() {
+    agent.reset();
+    if (::testing::Test::HasFailure()) {
+        dir.Keep();
+        std::cerr << "agent files kept in " << dir.Path() << "\n";
+    }
+}
+
+const NetNs& Lab::AddNeighbour(const std::string& name, const std::string& monitoredAddr,
+                               const std::string& addr) {
+    neighbours.push_back(std::make_unique<NetNs>(Namespace(name)));
+    AddVethPair(mon, "to-" + name, monitoredAddr + "/24", *neighbours.back(), "eth0", addr + "/24");
+    return *neighbours.back();
+}
+
+void Lab::StartAgent(const std::string& policy, const std::string& config) {
+    WriteFile(dir.File("agent.json"), config.empty() ? AgentConfigText(PORTSCAN_MODULE_PATH) : config);
+    WriteFile(dir.File("portscan.json"), policy);
+    RunAgent();
+    ASSERT_TRUE(WaitForLine(Log(), "Reload BPF rules", Seconds(30)))
+        << "no capture filter loaded; agent stderr:\n"
+        << ReadFile(dir.File("agent.err"));
+}
+
+void Lab::RunAgent() {
+    agent =
+        std::make_unique<Child>(std::vector<std::string>{HOSTAGENT_PATH, "--config", dir.File("agent.json")},
+                                mon.Name(), dir.File("agent.out"), dir.File("agent.err"));
+}
+
+void Lab::StopAgent() {
+    agent->Signal(SIGTERM);
+    const std::optional<int> code = agent->WaitExit(Seconds(30));
+    EXPECT_TRUE(code) << "the agent did not stop within 30 s of SIGTERM";
+    EXPECT_EQ(0, code.value_or(-1));
+    agent.reset();
+}
+
+void Lab::Scan(const std::vector<std::string>& argv, const std::string& ns) {
+    const RunResult result = Run(argv, ns.empty() ? scanner.Name() : ns, Seconds(60));
+    EXPECT_EQ(0, result.code) << argv[0] << " failed:\n" << result.output;
+}
+
+void Lab::Nmap(const std::vector<std::string>& options, const std::string& ports, int sourcePort,
+               const std::string& target) {
+    std::vector<std::string> argv = {"nmap"};
+    argv.insert(argv.end(), options.begin(), options.end());
+    argv.insert(argv.end(), {"-Pn", "-n", "-p", ports, "-g", std::to_string(sourcePort), "--max-retries", "1",
+                             "--host-timeout", "30s", target});
+    Scan(argv);
+}
+
+bool Lab::WaitListening(unsigned port) {
+    return WaitUntil(
+        [&] {
+            return Run({"ss", "-ltnH", "sport = :" + std::to_string(port)}, mon.Name())
+                       .output.find("LISTEN") != std::string::npos;
+        },
+        Seconds(10));
+}
+
+std::vector<Json::Value> Lab::WaitForAlarms(size_t count, Seconds limit) {
+    std::vector<Json::Value> alarms;
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+            alarms = ReadAlarms(AlarmFile());
+            return alarms.size() >= count;
+        },
+        limit))
+        << "alarms so far: " << alarms.size() << "\nlog tail:\n"
+        << Run({"tail", "-n", "40", Log()}).output;
+    return alarms;
 }
 
 }  // namespace ScanLab

@@ -3,9 +3,13 @@
 // Helpers shared by the end-to-end scan tests: the agent's configuration, the alarms it wrote to
 // its sinks and its log, and the capture filter the kernel holds for its packet socket.
 
+#include "support/NetLab.h"
+
 #include <json/json.h>
 #include <sys/types.h>
 
+#include <initializer_list>
+#include <memory>
 #include <set>
 #include <string>
 #include <utility>
@@ -56,5 +60,55 @@ std::vector<unsigned> FilterPorts(const std::vector<BpfInsn>& program);
 std::vector<unsigned> FilterPorts6(const std::vector<BpfInsn>& program);
 
 bool Contains(const std::vector<unsigned>& list, unsigned value);
+size_t Occurrences(const std::string& text, const std::string& needle);
+
+// Why an end-to-end test cannot run here (not root, or one of `tools` missing); empty when it can.
+std::string MissingPrerequisite(std::initializer_list<const char*> tools);
+
+// hping3 arguments for `count` probes (`mode`: "-S", "--udp") to `target`:`port` from a fixed
+// source port, `interval` apart.
+std::vector<std::string> Hping(const std::string& mode, unsigned port, int count, const std::string& interval,
+                               int sourcePort, const std::string& target);
+
+// A monitored namespace and a scanner namespace joined by a veth pair ("to-scan" there, "eth0" here,
+// both /24), a folder for the agent's files and the agent in the monitored namespace. The agent ends
+// (by pid) before the namespaces go; the folder is kept when the test failed.
+struct Lab {
+    Lab(const std::string& prefix, const std::string& monitoredAddr, const std::string& scannerAddr);
+    ~Lab();
+
+    std::string Log() const { return dir.File("log/hostagent.log"); }
+    std::string AlarmFile() const { return dir.File("alarms.jsonl"); }
+    std::string Namespace(const std::string& name) const { return prefix + tag + "-" + name; }
+
+    // A further namespace joined to the monitored one ("to-<name>" there, "eth0" in it).
+    const TestSupport::NetNs& AddNeighbour(const std::string& name, const std::string& monitoredAddr,
+                                           const std::string& addr);
+    // Writes `config` (AgentConfigText when empty) and the policy `policy`, starts the agent and
+    // waits until its capture filter is loaded.
+    void StartAgent(const std::string& policy, const std::string& config = "");
+    // Starts the agent on the files in place.
+    void RunAgent();
+    // SIGTERM; the agent must end with code 0 within 30 s.
+    void StopAgent();
+    // Runs a bounded scanner in `ns` (the scanner namespace when empty); it exits 0 only when its
+    // probes went out and were answered (a reset or an ICMP error counts).
+    void Scan(const std::vector<std::string>& argv, const std::string& ns = "");
+    // One unpaced nmap run from the scanner namespace: `options` (the scan kind first) against
+    // `target` from `sourcePort`, one retry at most.
+    void Nmap(const std::vector<std::string>& options, const std::string& ports, int sourcePort,
+              const std::string& target);
+    // Waits until a TCP socket of the monitored namespace listens on `port`.
+    bool WaitListening(unsigned port);
+    // The alarm file once it holds `count` alarms (what it holds when `limit` passes first).
+    std::vector<Json::Value> WaitForAlarms(size_t count,
+                                           TestSupport::Seconds limit = TestSupport::Seconds(10));
+
+    const std::string prefix, tag;
+    TestSupport::TempDir dir;
+    TestSupport::NetNs mon, scanner;
+    std::vector<std::unique_ptr<TestSupport::NetNs>> neighbours;
+    std::unique_ptr<TestSupport::Child> agent;
+};
 
 }  // namespace ScanLab

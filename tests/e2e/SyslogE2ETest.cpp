@@ -4,15 +4,12 @@
 // started again, the collector comes back: the spooled alarms arrive over TCP, each exactly once.
 
 #include "ScanLab.h"
-#include "support/NetLab.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <ctime>
-#include <iostream>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -35,17 +32,10 @@ const unsigned kSecondScanPorts[] = {2403, 2404};
 // Alarms leave promptly (not at the minute tick), so the test waits seconds, not minutes.
 std::string PolicyText() {
     Json::Value task;
-    for (unsigned port : {2401, 2402, 2403, 2404}) {
-        Json::Value entry;
-        entry["port"] = port;
-        entry["type"] = 0;
-        task["monitor_list"].append(entry);
-    }
-    task["white_ip_list"] = "";
-    task["check_port_before_alarm"] = true;
-    task["prompt_alarms"] = true;
-    task["enable"] = true;
-    task["task_condition"] = Json::Value(Json::objectValue);
+    EXPECT_TRUE(ParseJson(R"({"monitor_list": [{"port": 2401, "type": 0}, {"port": 2402, "type": 0},
+        {"port": 2403, "type": 0}, {"port": 2404, "type": 0}], "white_ip_list": "",
+        "check_port_before_alarm": true, "prompt_alarms": true, "enable": true, "task_condition": {}})",
+                          task));
     return FeaturePolicyText(task, "syslog-e2e");
 }
 
@@ -68,15 +58,8 @@ std::string RsyslogConfigText(const std::string& dir) {
            "module(load=\"imtcp\")\nmodule(load=\"imudp\")\n" + "input(type=\"imtcp\" address=\"" +
            kCollectorAddr + "\" port=\"" + kTcpPort + "\")\n" + "input(type=\"imudp\" address=\"" +
            kCollectorAddr + "\" port=\"" + kUdpPort + "\")\n" +
-           "template(name=\"fields\" type=\"list\") {\n"
-           "  property(name=\"inputname\") constant(value=\" \")\n"
-           "  property(name=\"protocol-version\") constant(value=\" \")\n"
-           "  property(name=\"app-name\") constant(value=\" \")\n"
-           "  property(name=\"procid\") constant(value=\" \")\n"
-           "  property(name=\"msgid\") constant(value=\" \")\n"
-           "  property(name=\"msg\") constant(value=\"\\n\")\n"
-           "}\n" +
-           "action(type=\"omfile\" file=\"" + dir + "/received.log\" template=\"fields\")\n";
+           R"(template(name="fields" type="string" string="%inputname% %protocol-version% %app-name% %procid% %msgid% %msg%\n"))" +
+           "\naction(type=\"omfile\" file=\"" + dir + "/received.log\" template=\"fields\")\n";
 }
 
 struct Received {
@@ -108,27 +91,15 @@ std::map<std::string, std::map<std::string, int>> CountByEvent(const std::vector
     return counts;
 }
 
-struct Lab {
-    TempDir dir;
-    std::string tag = std::to_string(getpid());
-    NetNs mon{"sl" + tag + "-mon"};
-    NetNs scanner{"sl" + tag + "-scan"};
-    NetNs col{"sl" + tag + "-col"};
-    std::unique_ptr<Child> collector;
-    std::unique_ptr<Child> agent;
-
-    Lab() {
-        AddVethPair(mon, "to-scan", std::string(kMonitoredAddr) + "/24", scanner, "eth0",
-                    std::string(kScannerAddr) + "/24");
-        AddVethPair(mon, "to-col", std::string(kAgentCollectorSide) + "/24", col, "eth0",
-                    std::string(kCollectorAddr) + "/24");
+// The agent's lab with a third namespace for the collector, rsyslog run there by pid.
+struct CollectorLab : Lab {
+    CollectorLab()
+        : Lab("sl", kMonitoredAddr, kScannerAddr),
+          col(AddNeighbour("col", kAgentCollectorSide, kCollectorAddr)) {
         MustRun({"mkdir", "-p", dir.File("rsyslog")});
         WriteFile(dir.File("rsyslog.conf"), RsyslogConfigText(dir.Path()));
-        WriteFile(dir.File("agent.json"), AgentConfigText());
-        WriteFile(dir.File("portscan.json"), PolicyText());
     }
-
-    std::string Log() const { return dir.File("log/hostagent.log"); }
+    ~CollectorLab() { collector.reset(); }
 
     void StartCollector() {
         collector = std::make_unique<Child>(
@@ -151,77 +122,34 @@ struct Lab {
         collector.reset();
     }
 
-    void StartAgent() {
-        agent = std::make_unique<Child>(
-            std::vector<std::string>{HOSTAGENT_PATH, "--config", dir.File("agent.json")}, mon.Name(),
-            dir.File("agent.out"), dir.File("agent.err"));
-    }
-
-    void StopAgent() {
-        agent->Signal(SIGTERM);
-        std::optional<int> code = agent->WaitExit(Seconds(30));
-        ASSERT_TRUE(code) << "the agent did not stop within 30 s of SIGTERM";
-        EXPECT_EQ(*code, 0);
-        agent.reset();
-    }
-
-    void Scan(const unsigned (&ports)[2]) {
+    // Two SYNs to each port: one alarm each.
+    void ScanPorts(const unsigned (&ports)[2]) {
         for (unsigned port : ports) {
-            RunResult result = Run({"hping3", "-q", "-S", "-c", "2", "-i", "u200000", "-p",
-                                    std::to_string(port), "-s", "42000", "-k", kMonitoredAddr},
-                                   scanner.Name(), Seconds(30));
-            EXPECT_EQ(result.code, 0) << "hping3 failed:\n" << result.output;
+            Scan(Hping("-S", port, 2, "u200000", 42000, kMonitoredAddr));
         }
     }
+
+    const NetNs& col;
+    std::unique_ptr<Child> collector;
 };
 
-class SyslogE2E : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (geteuid() != 0) {
-            GTEST_SKIP() << "needs root: it builds network namespaces and runs a raw-socket scanner";
-        }
-        for (const char* tool : {"ip", "ss", "hping3", "rsyslogd"}) {
-            if (FindProgram(tool).empty()) {
-                GTEST_SKIP() << tool << " is missing (scripts/install-deps.sh installs it)";
-            }
-        }
-        RemoveStaleNamespaces("sl");
-        lab = std::make_unique<Lab>();
+TEST(SyslogE2E, CollectorReceivesEveryAlarmOnceAcrossAnOutageAndARestart) {
+    if (const std::string why = MissingPrerequisite({"ip", "ss", "hping3", "rsyslogd"}); !why.empty()) {
+        GTEST_SKIP() << why;
     }
-    void TearDown() override {
-        if (lab && HasFailure()) {
-            lab->dir.Keep();
-            std::cerr << "agent and collector files kept in " << lab->dir.Path() << "\n";
-        }
-        lab.reset();
-    }
-    std::unique_ptr<Lab> lab;
-};
-
-TEST_F(SyslogE2E, CollectorReceivesEveryAlarmOnceAcrossAnOutageAndARestart) {
-    ASSERT_NO_FATAL_FAILURE(lab->StartCollector());
-    lab->StartAgent();
-    const std::string agentPid = std::to_string(lab->agent->Pid());
-    ASSERT_TRUE(WaitForLine(lab->Log(), "Reload BPF rules", Seconds(30)))
-        << ReadFile(lab->dir.File("agent.err"));
-
+    CollectorLab lab;
+    ASSERT_NO_FATAL_FAILURE(lab.StartCollector());
+    ASSERT_NO_FATAL_FAILURE(lab.StartAgent(PolicyText(), AgentConfigText()));
+    const std::string agentPid = std::to_string(lab.agent->Pid());
     // First scan, collector up: each alarm arrives once per input, as RFC 5424 with MSG the document.
-    lab->Scan(kFirstScanPorts);
-    std::vector<Json::Value> filed;
-    ASSERT_TRUE(WaitUntil(
-        [&] {
-            filed = ReadAlarms(lab->dir.File("alarms.jsonl"));
-            return filed.size() >= 2;
-        },
-        Seconds(90)))
-        << "no alarms from the first scan";
-    ASSERT_EQ(filed.size(), 2u);
+    lab.ScanPorts(kFirstScanPorts);
+    std::vector<Json::Value> filed = lab.WaitForAlarms(2, Seconds(90));
+    ASSERT_EQ(filed.size(), 2u) << "alarms of the first scan";
     const std::set<std::string> firstIds = EventIds(filed);
     std::vector<Received> received;
     ASSERT_TRUE(WaitUntil(
         [&] {
-            received = ReadReceived(lab->dir.File("received.log"));
+            received = ReadReceived(lab.dir.File("received.log"));
             return received.size() >= 4;
         },
         Seconds(20)))
@@ -240,43 +168,37 @@ TEST_F(SyslogE2E, CollectorReceivesEveryAlarmOnceAcrossAnOutageAndARestart) {
     }
 
     // Collector down: the second scan's alarms go to the spool; the agent stops with them there.
-    ASSERT_NO_FATAL_FAILURE(lab->StopCollector());
-    lab->Scan(kSecondScanPorts);
-    ASSERT_TRUE(WaitUntil(
-        [&] {
-            filed = ReadAlarms(lab->dir.File("alarms.jsonl"));
-            return filed.size() >= 4;
-        },
-        Seconds(90)))
-        << "no alarms from the second scan";
+    ASSERT_NO_FATAL_FAILURE(lab.StopCollector());
+    lab.ScanPorts(kSecondScanPorts);
+    filed = lab.WaitForAlarms(4, Seconds(90));
     std::set<std::string> secondIds = EventIds(filed);
     for (const std::string& id : firstIds) {
         secondIds.erase(id);
     }
     ASSERT_EQ(secondIds.size(), 2u);
-    ASSERT_NO_FATAL_FAILURE(lab->StopAgent());
-    EXPECT_NE(ReadFile(lab->dir.File("spool/syslog.spool")), "");
+    lab.StopAgent();
+    EXPECT_NE(ReadFile(lab.dir.File("spool/syslog.spool")), "");
 
     // Started again before the collector is back: it keeps trying, then sends the spool.
-    lab->StartAgent();
-    ASSERT_TRUE(WaitForLine(lab->Log(), "from spool", Seconds(30)));
-    ASSERT_NO_FATAL_FAILURE(lab->StartCollector());
-    ASSERT_TRUE(WaitForLine(lab->Log(), "Sending alarms to syslog collector 10.78.2.2:10514 (tcp) again",
-                            Seconds(60)))
+    lab.RunAgent();
+    ASSERT_TRUE(WaitForLine(lab.Log(), "from spool", Seconds(30)));
+    ASSERT_NO_FATAL_FAILURE(lab.StartCollector());
+    ASSERT_TRUE(
+        WaitForLine(lab.Log(), "Sending alarms to syslog collector 10.78.2.2:10514 (tcp) again", Seconds(60)))
         << "the restarted agent did not reach the collector";
     sleep(1);  // anything sent twice would arrive now
-    ASSERT_NO_FATAL_FAILURE(lab->StopAgent());
-    ASSERT_NO_FATAL_FAILURE(lab->StopCollector());
+    lab.StopAgent();
+    ASSERT_NO_FATAL_FAILURE(lab.StopCollector());
 
-    auto counts = CountByEvent(ReadReceived(lab->dir.File("received.log")));
+    auto counts = CountByEvent(ReadReceived(lab.dir.File("received.log")));
     for (const std::string& id : secondIds) {
         EXPECT_EQ(counts[id]["imtcp"], 1) << "alarm " << id << " of the outage";
     }
     for (const std::string& id : firstIds) {
         EXPECT_EQ(counts[id]["imtcp"], 1) << "alarm " << id << " sent before the outage";
     }
-    EXPECT_EQ(ReadFile(lab->dir.File("spool/syslog.spool")), "");
-    std::string log = ReadFile(lab->Log());
+    EXPECT_EQ(ReadFile(lab.dir.File("spool/syslog.spool")), "");
+    std::string log = ReadFile(lab.Log());
     EXPECT_NE(log.find("2 alarm(s) for syslog collector 10.78.2.2:10514 (tcp) kept in spool"),
               std::string::npos);
 }
