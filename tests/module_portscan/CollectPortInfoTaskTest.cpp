@@ -173,19 +173,66 @@ protected:
     std::future<int> m_run;  // the loop, when a test runs it on a thread of its own
 };
 
-TEST(PortInfoNodeTest, SetSearchMissesAPresentRecordAndCopiesDropAuxValue) {
-    std::set<PortInfoNode> set = {PortInfoNode(443, 0)};
-    set.insert(PortInfoNode(80, 1));
-    ASSERT_EQ(2u, set.size());
-    EXPECT_EQ(set.end(), set.find(PortInfoNode(80, 1)));  // present all the same
-
-    PortInfoNode source(443, 1);
-    source.alarmNum = 3;
-    source.auxValue = 5;
-    const PortInfoNode copy(source);
-    EXPECT_EQ(0u, copy.auxValue);
-    EXPECT_EQ(3, copy.alarmNum);
+// A TCP SYN (flags 0x02) or UDP frame from `remote` to 10.0.0.1:`port`, as the capture socket
+// delivers it (Ethernet header first).
+std::string Frame(unsigned short port, bool udp = false, const char* remote = "192.168.1.7") {
+    std::string frame(64, '\0');
+    frame[14] = 0x45;
+    frame[23] = udp ? 17 : 6;
+    const in_addr source{inet_addr(remote)}, destination{inet_addr("10.0.0.1")};
+    memcpy(&frame[26], &source, 4);
+    memcpy(&frame[30], &destination, 4);
+    const uint16_t sourcePort = htons(40000), destinationPort = htons(port);
+    memcpy(&frame[34], &sourcePort, 2);
+    memcpy(&frame[36], &destinationPort, 2);
+    frame[47] = 0x02;
+    return frame;
 }
+
+// Datagram socket pairs standing in for the capture sockets (IPv4, and IPv6 when asked), registered
+// edge-triggered in the task's epoll set as InitSocket registers them; the task's until the capture
+// ends, then closed here.
+struct FakeCapture {
+    explicit FakeCapture(CollectPortInfoTaskPeer peer, bool ipv6 = false) : m_peer(peer) {
+        m_peer.EpollFd() = epoll_create(1);
+        for (int* fds : {pair, ipv6 ? pair6 : nullptr}) {
+            if (fds != nullptr) {
+                EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, fds));
+                epoll_event event{EPOLLIN | EPOLLET, {}};
+                event.data.fd = fds[0];
+                EXPECT_EQ(0, epoll_ctl(m_peer.EpollFd(), EPOLL_CTL_ADD, fds[0], &event));
+            }
+        }
+        m_peer.SockFd() = pair[0];
+        m_peer.Sock6Fd() = pair6[0];
+        m_peer.SocketReady() = true;
+    }
+    ~FakeCapture() {
+        m_peer.SocketReady() = false;
+        if (m_peer.Sock6Fd() != -1) {  // unless the task closed it
+            close(m_peer.Sock6Fd());
+            m_peer.Sock6Fd() = -1;
+        }
+        for (int fd : {m_peer.EpollFd(), pair[0], pair[1], pair6[1]}) {
+            close(fd);
+        }
+    }
+    void Send(const std::string& frame, int count = 1, bool ipv6 = false) {
+        for (int i = 0; i < count; ++i) {
+            ASSERT_EQ(static_cast<ssize_t>(frame.size()),
+                      send((ipv6 ? pair6 : pair)[1], frame.data(), frame.size(), 0));
+        }
+    }
+    int Queued() {
+        int frames = 0;
+        for (char byte; recv(pair[0], &byte, 1, MSG_DONTWAIT) >= 0;) {
+            ++frames;
+        }
+        return frames;
+    }
+    CollectPortInfoTaskPeer m_peer;
+    int pair[2] = {-1, -1}, pair6[2] = {-1, -1};
+};
 
 // Ticks 0, 30 and 60 release frozen ports, rebuild the list and reset the counters; a port frozen at
 // kStart is still frozen at 23 h 59 min (tick 30) and after a day at tick 31, and gone at tick 60.
@@ -229,30 +276,21 @@ TEST_F(CollectTaskTest, MinuteTickRunsTheThirtyTickScheduleAndReleasesAfterADay)
 // Ten frames, a tick, ten more: the loop goes on; the eleventh frame of one minute stops it.
 TEST_F(CollectTaskTest, EleventhPacketOfAMinuteStopsRun) {
     UsePolicy("[]", R"(,"package_max_num":10)");
-    int pair[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, pair));
-    epoll_event event{EPOLLIN | EPOLLET, {}};  // the loop reads the socket it knows, whatever the data
-    Peer().EpollFd() = epoll_create(1);
-    ASSERT_EQ(0, epoll_ctl(Peer().EpollFd(), EPOLL_CTL_ADD, pair[0], &event));
-    Peer().SockFd() = pair[0];
-    Peer().SocketReady() = true;  // both descriptors are the task's now: UnInit closes them
-    std::string frame(64, '\0');
-    frame[23] = 17;  // UDP: the frame parses and is offered on
+    FakeCapture capture(Peer());  // the loop reads the socket it knows, whatever the data
     m_run = std::async(std::launch::async, [this] { return m_task.Run(); });
     for (std::size_t i = 0; i <= 20; ++i) {
         if (i == 10) {
             m_clock->now += 61;  // seen when the current one-second wait ends
             ASSERT_TRUE(Poll([this] { return m_log->Count(kEndHeader) == 2; }));
         }
-        ASSERT_EQ(64, send(pair[1], frame.data(), frame.size(), 0));
-        if (i < 20) {  // one at a time: each is taken before the next is sent
+        capture.Send(Frame(2301, true));  // UDP: the frame parses and is offered on
+        if (i < 20) {                     // one at a time: each is taken before the next is sent
             ASSERT_TRUE(Poll([this, i] { return m_log->Count(kOffered) == i + 1; })) << i;
             EXPECT_FALSE(RunEnded());
         }
     }
     EXPECT_TRUE(Poll([this] { return RunEnded(); }));
     EXPECT_EQ(20u, m_log->Count(kOffered));
-    close(pair[1]);
 }
 
 TEST_F(CollectTaskTest, HundredAndFirstErrorOfAMinuteAsksForARebuild) {
@@ -432,58 +470,7 @@ TEST_F(CollectTaskTest, DumpAtDebugLevelOnly) {
     EXPECT_TRUE(m_log->Texts().empty());
 }
 
-// ---------------------------------------------------------------------------------------------
 // Opt-in switches of the task policy, each on and off at the operation it changes.
-
-// A TCP SYN (flags 0x02) or UDP frame from `remote` to 10.0.0.1:`port`, as the capture socket
-// delivers it (Ethernet header first).
-std::string Frame(unsigned short port, bool udp = false, const char* remote = "192.168.1.7") {
-    std::string frame(64, '\0');
-    frame[14] = 0x45;
-    frame[23] = udp ? 17 : 6;
-    const in_addr source{inet_addr(remote)}, destination{inet_addr("10.0.0.1")};
-    memcpy(&frame[26], &source, 4);
-    memcpy(&frame[30], &destination, 4);
-    const uint16_t sourcePort = htons(40000), destinationPort = htons(port);
-    memcpy(&frame[34], &sourcePort, 2);
-    memcpy(&frame[36], &destinationPort, 2);
-    frame[47] = 0x02;
-    return frame;
-}
-
-// A datagram socket pair standing in for the capture socket, registered edge-triggered in the task's
-// epoll set as InitSocket registers it; the task's until the capture ends, then closed here.
-struct FakeCapture {
-    explicit FakeCapture(CollectPortInfoTaskPeer peer) : m_peer(peer) {
-        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, pair));
-        epoll_event event{EPOLLIN | EPOLLET, {}};
-        event.data.fd = pair[0];
-        m_peer.EpollFd() = epoll_create(1);
-        EXPECT_EQ(0, epoll_ctl(m_peer.EpollFd(), EPOLL_CTL_ADD, pair[0], &event));
-        m_peer.SockFd() = pair[0];
-        m_peer.SocketReady() = true;
-    }
-    ~FakeCapture() {
-        m_peer.SocketReady() = false;
-        close(m_peer.EpollFd());
-        close(pair[0]);
-        close(pair[1]);
-    }
-    void Send(const std::string& frame, int count = 1) {
-        for (int i = 0; i < count; ++i) {
-            ASSERT_EQ(static_cast<ssize_t>(frame.size()), send(pair[1], frame.data(), frame.size(), 0));
-        }
-    }
-    int Queued() {
-        int frames = 0;
-        for (char byte; recv(pair[0], &byte, 1, MSG_DONTWAIT) >= 0;) {
-            ++frames;
-        }
-        return frames;
-    }
-    CollectPortInfoTaskPeer m_peer;
-    int pair[2] = {-1, -1};
-};
 
 // Off: one frame per wake-up. On: up to the bound, the rest at the next wait although no new frame
 // came; the packet budget still stops the task at the first frame above it.
@@ -541,57 +528,6 @@ TEST_F(CollectTaskTest, ExactLookupKeepsEvidenceOfARecordTheOrderingHides) {
         m_task.SendPortAlarm();
         EXPECT_EQ(exact ? 1u : 0u, m_report->received.size());
         m_report->received.clear();
-    }
-}
-
-// Sockets of this namespace on ports the kernel picks: in use for IPv4 probes when an IPv6 wildcard
-// socket holds them only with the switch; an IPv4 holder counts either way, a free port neither.
-TEST_F(CollectTaskTest, DualStackQueryFindsIPv6WildcardHolders) {
-    const int v6 = socket(AF_INET6, SOCK_STREAM, 0);
-    if (v6 < 0) {
-        GTEST_SKIP() << "no IPv6 here";
-    }
-    close(v6);
-    // Binds a socket of `family` and `type` to a port of the kernel's choice; its descriptor and port.
-    auto hold = [](int family, int type) {
-        const int fd = socket(family, type, 0);
-        sockaddr_storage address{};
-        address.ss_family = static_cast<sa_family_t>(family);
-        socklen_t length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-        const int off = 0;
-        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof(off));
-        EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), length));
-        if (type == SOCK_STREAM) {
-            EXPECT_EQ(0, listen(fd, 1));
-        }
-        EXPECT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length));
-        const uint16_t port = ntohs(family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&address)->sin6_port
-                                                       : reinterpret_cast<sockaddr_in*>(&address)->sin_port);
-        return std::make_pair(fd, port);
-    };
-    const auto tcp6 = hold(AF_INET6, SOCK_STREAM), udp6 = hold(AF_INET6, SOCK_DGRAM);
-    const auto tcp4 = hold(AF_INET, SOCK_STREAM), freed = hold(AF_INET6, SOCK_STREAM);
-    close(freed.first);
-    const struct {
-        uint16_t port;
-        int protocol;
-        int off, on;  // status without and with the switch
-    } cases[] = {{tcp6.second, 0, 1, 0},
-                 {udp6.second, 1, 1, 0},
-                 {tcp6.second, 1, 1, 1},
-                 {tcp4.second, 0, 0, 0},
-                 {freed.second, 0, 1, 1}};
-    for (bool dual : {false, true}) {
-        UsePolicy("[]", dual ? R"(,"dual_stack_occupancy":true)" : "");
-        for (const auto& c : cases) {
-            int status = 7;
-            m_task.CheckPortStatus(c.port, status, c.protocol);
-            EXPECT_EQ(dual ? c.on : c.off, status)
-                << dual << " port " << c.port << " protocol " << c.protocol;
-        }
-    }
-    for (int fd : {tcp6.first, udp6.first, tcp4.first}) {
-        close(fd);
     }
 }
 
@@ -662,13 +598,7 @@ TEST_F(CollectTaskTest, Ipv6FramesShareRecordsBudgetAndAlarmDocuments) {
               R"("alarm_max_num":0,"port_ip_max_num":2,"package_max_num":5)");
     Peer().PortSet() = {PortInfoNode(2501, 0)};
     Peer().MonitorStatus() = MONITOR_LIST_NORMAL;
-    FakeCapture capture(Peer());
-    int pair6[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, pair6));
-    epoll_event event{EPOLLIN | EPOLLET, {}};
-    event.data.fd = pair6[0];
-    ASSERT_EQ(0, epoll_ctl(Peer().EpollFd(), EPOLL_CTL_ADD, pair6[0], &event));
-    Peer().Sock6Fd() = pair6[0];  // the task's now: closed when the capture is cleared
+    FakeCapture capture(Peer(), true);
     m_run = std::async(std::launch::async, [this] { return m_task.Run(); });
     ASSERT_TRUE(Poll([this] { return m_log->Count(kEndHeader) == 1; }));
 
@@ -684,19 +614,14 @@ TEST_F(CollectTaskTest, Ipv6FramesShareRecordsBudgetAndAlarmDocuments) {
     size_t sent = 0;
     for (const auto& [frame, ipv6, alarms, frozen] : frames) {
         SCOPED_TRACE(sent);
-        if (ipv6) {
-            ASSERT_EQ(ssize_t(frame.size()), send(pair6[1], frame.data(), frame.size(), 0));
-        } else {
-            capture.Send(frame);
-        }
+        capture.Send(frame, 1, ipv6);
         ++sent;
         ASSERT_TRUE(Poll([&] { return m_log->CountContaining("[SocketUtil] GET PACKET") == sent; }));
         EXPECT_TRUE(Poll([&] { return m_log->CountContaining(alarm) == alarms; }));
         EXPECT_EQ(frozen, Peer().BanPortMap().count(2501) == 1);
     }
     EXPECT_EQ(2u, m_log->Count("[PortScan] white ip found (fd00:78::3)"));  // once per classifier
-    const std::string sixth = Frame6(2501, "fd00:78::2");
-    ASSERT_EQ(ssize_t(sixth.size()), send(pair6[1], sixth.data(), sixth.size(), 0));
+    capture.Send(Frame6(2501, "fd00:78::2"), 1, true);
     ASSERT_TRUE(Poll([this] { return RunEnded(); })) << "the sixth frame of the minute did not stop the task";
 
     const PortInfoNode& record = *m_policies.back()->GetPolicyPortSet().begin();
@@ -714,47 +639,58 @@ TEST_F(CollectTaskTest, Ipv6FramesShareRecordsBudgetAndAlarmDocuments) {
     EXPECT_EQ(Parse(R"({"app_protocol":"SYN","local_address":"fd00:78::1","local_port":2501,"protocol":"TCP",
         "remote_address":"fd00:78::2","remote_port":40000})"),
               document["network_info"]);
-    close(pair6[1]);
 }
 
-// An IPv6 probe finds a port held by an IPv6 socket or by an IPv4 one (a dual-stack client tries
-// IPv6 first); the IPv4 query is made only when no IPv6 socket holds it.
-TEST_F(CollectTaskTest, Ipv6ProbeOccupancyCountsSocketsOfBothFamilies) {
+// Sockets of this namespace on ports the kernel picks. For IPv4 probes an IPv6 wildcard socket
+// (not IPv6-only) holds its port only with the dual-stack switch; an IPv4 holder counts either way, a
+// free port never. An IPv6 probe finds a port held by an IPv6 socket or by an IPv4 one (a dual-stack
+// client tries IPv6 first).
+TEST_F(CollectTaskTest, OccupancyQueriesAskTheRightFamilies) {
     const int v6 = socket(AF_INET6, SOCK_STREAM, 0);
     if (v6 < 0) {
         GTEST_SKIP() << "no IPv6 here";
     }
     close(v6);
-    auto listen = [](int family, int type) {
+    std::vector<int> fds;
+    // Binds a socket to a port of the kernel's choice (TCP ones listen); its port.
+    auto hold = [&fds](int family, int type, int v6only) {
         const int fd = socket(family, type, 0);
-        const int on = 1;
-        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on));
+        fds.push_back(fd);
+        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &v6only, sizeof(v6only));
         sockaddr_storage address{};
         address.ss_family = static_cast<sa_family_t>(family);
         socklen_t length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
         EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), length));
-        if (type == SOCK_STREAM) {
-            EXPECT_EQ(0, ::listen(fd, 1));
-        }
+        EXPECT_TRUE(type != SOCK_STREAM || listen(fd, 1) == 0);
         EXPECT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length));
-        return std::make_pair(fd,
-                              ntohs(family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&address)->sin6_port
-                                                       : reinterpret_cast<sockaddr_in*>(&address)->sin_port));
+        return ntohs(family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&address)->sin6_port
+                                        : reinterpret_cast<sockaddr_in*>(&address)->sin_port);
     };
-    const auto tcp6 = listen(AF_INET6, SOCK_STREAM), udp4 = listen(AF_INET, SOCK_DGRAM);
-    const auto freed = listen(AF_INET6, SOCK_STREAM);
-    close(freed.first);
-    UsePolicy("[]", R"(,"ipv6":true)");
-    // port, protocol, status
-    const std::tuple<uint16_t, int, int> cases[] = {
-        {tcp6.second, 0, 0}, {udp4.second, 1, 0}, {tcp6.second, 1, 1}, {freed.second, 0, 1}};
-    for (const auto& [port, protocol, expected] : cases) {
-        int status = 7;
-        m_task.CheckPortStatus6(port, status, protocol);
-        EXPECT_EQ(expected, status) << port << "/" << protocol;
+    const uint16_t tcp6 = hold(AF_INET6, SOCK_STREAM, 0), udp6 = hold(AF_INET6, SOCK_DGRAM, 0);
+    const uint16_t tcp4 = hold(AF_INET, SOCK_STREAM, 0), udp4 = hold(AF_INET, SOCK_DGRAM, 0);
+    const uint16_t freed = hold(AF_INET6, SOCK_STREAM, 0);
+    close(fds.back());
+    fds.pop_back();
+    // port, protocol; status of the IPv4 query without and with the switch, of the IPv6 query
+    const std::tuple<uint16_t, int, int, int, int> cases[] = {{tcp6, 0, 1, 0, 0}, {udp6, 1, 1, 0, 0},
+                                                              {tcp6, 1, 1, 1, 1}, {tcp4, 0, 0, 0, 0},
+                                                              {udp4, 1, 0, 0, 0}, {freed, 0, 1, 1, 1}};
+    for (int query : {0, 1, 2}) {
+        UsePolicy("[]", query == 0 ? "" : query == 1 ? R"(,"dual_stack_occupancy":true)" : R"(,"ipv6":true)");
+        for (const auto& [port, protocol, off, on, six] : cases) {
+            int status = 7;
+            query == 2 ? m_task.CheckPortStatus6(port, status, protocol)
+                       : m_task.CheckPortStatus(port, status, protocol);
+            EXPECT_EQ(query == 0   ? off
+                      : query == 1 ? on
+                                   : six,
+                      status)
+                << query << ": " << port << "/" << protocol;
+        }
     }
-    close(tcp6.first);
-    close(udp4.first);
+    for (int fd : fds) {
+        close(fd);
+    }
 }
 
 }  // namespace
