@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <atomic>
 #include <functional>
 #include <future>
@@ -173,19 +174,25 @@ protected:
     std::future<int> m_run;  // the loop, when a test runs it on a thread of its own
 };
 
-// A TCP SYN (flags 0x02) or UDP frame from `remote` to 10.0.0.1:`port`, as the capture socket
-// delivers it (Ethernet header first).
+// A TCP SYN (flags 0x02) or UDP frame from `remote` to 10.0.0.1:`port`, or from an IPv6 `remote` to
+// [fd00:78::1]:`port`, as the capture sockets deliver them (Ethernet header first).
 std::string Frame(unsigned short port, bool udp = false, const char* remote = "192.168.1.7") {
-    std::string frame(64, '\0');
-    frame[14] = 0x45;
-    frame[23] = udp ? 17 : 6;
-    const in_addr source{inet_addr(remote)}, destination{inet_addr("10.0.0.1")};
-    memcpy(&frame[26], &source, 4);
-    memcpy(&frame[30], &destination, 4);
-    const uint16_t sourcePort = htons(40000), destinationPort = htons(port);
-    memcpy(&frame[34], &sourcePort, 2);
-    memcpy(&frame[36], &destinationPort, 2);
-    frame[47] = 0x02;
+    const bool v6 = strchr(remote, ':') != nullptr;
+    const size_t transport = v6 ? 54 : 34;
+    std::string frame(transport + (v6 ? 20 : 30), '\0');
+    if (v6) {
+        frame[12] = static_cast<char>(0x86), frame[13] = static_cast<char>(0xdd), frame[14] = 0x60;
+        frame[20] = udp ? 17 : 6;
+        EXPECT_EQ(1, inet_pton(AF_INET6, remote, &frame[22]));
+        EXPECT_EQ(1, inet_pton(AF_INET6, "fd00:78::1", &frame[38]));
+    } else {
+        frame[14] = 0x45, frame[23] = udp ? 17 : 6;
+        EXPECT_EQ(1, inet_pton(AF_INET, remote, &frame[26]));
+        EXPECT_EQ(1, inet_pton(AF_INET, "10.0.0.1", &frame[30]));
+    }
+    const uint16_t ports[] = {htons(40000), htons(port)};
+    memcpy(&frame[transport], ports, 4);
+    frame[transport + 13] = 0x02;
     return frame;
 }
 
@@ -573,22 +580,6 @@ TEST_F(CollectTaskTest, PromptAlarmLeavesBeforeTheTick) {
     }
 }
 
-// A TCP SYN from `remote` to [fd00:78::1]:`port` as the IPv6 capture socket delivers it.
-std::string Frame6(unsigned short port, const char* remote) {
-    std::string frame(74, '\0');
-    frame[12] = static_cast<char>(0x86);
-    frame[13] = static_cast<char>(0xdd);
-    frame[14] = 0x60;
-    frame[20] = 6;
-    EXPECT_EQ(1, inet_pton(AF_INET6, remote, &frame[22]));
-    EXPECT_EQ(1, inet_pton(AF_INET6, "fd00:78::1", &frame[38]));
-    const uint16_t sourcePort = htons(40000), destinationPort = htons(port);
-    memcpy(&frame[54], &sourcePort, 2);
-    memcpy(&frame[56], &destinationPort, 2);
-    frame[67] = 0x02;
-    return frame;
-}
-
 // Frames of both capture sockets, read from one epoll set: one record counts hosts of both families
 // and freezes at the host limit, one packet budget stops the task, and the alarm document carries
 // the IPv6 text of the first alarmed host.
@@ -605,11 +596,11 @@ TEST_F(CollectTaskTest, Ipv6FramesShareRecordsBudgetAndAlarmDocuments) {
     const std::string alarm = "[PortScan] Alarm found, port [2501]";
     // frame, IPv6 socket, alarms so far, frozen after it
     const std::tuple<std::string, bool, size_t, bool> frames[] = {
-        {Frame6(2501, "fd00:78::2"), true, 1, false},
-        {Frame6(2501, "fd00:78::3"), true, 1, false},   // white-listed
-        {Frame6(2501, "2001:db8::2"), true, 1, false},  // global
+        {Frame(2501, false, "fd00:78::2"), true, 1, false},
+        {Frame(2501, false, "fd00:78::3"), true, 1, false},   // white-listed
+        {Frame(2501, false, "2001:db8::2"), true, 1, false},  // global
         {Frame(2501, false, "10.0.0.5"), false, 2, false},
-        {Frame6(2501, "fe80::7"), true, 3, true},  // the third alarmed host
+        {Frame(2501, false, "fe80::7"), true, 3, true},  // the third alarmed host
     };
     size_t sent = 0;
     for (const auto& [frame, ipv6, alarms, frozen] : frames) {
@@ -621,7 +612,7 @@ TEST_F(CollectTaskTest, Ipv6FramesShareRecordsBudgetAndAlarmDocuments) {
         EXPECT_EQ(frozen, Peer().BanPortMap().count(2501) == 1);
     }
     EXPECT_EQ(2u, m_log->Count("[PortScan] white ip found (fd00:78::3)"));  // once per classifier
-    capture.Send(Frame6(2501, "fd00:78::2"), 1, true);
+    capture.Send(Frame(2501, false, "fd00:78::2"), 1, true);
     ASSERT_TRUE(Poll([this] { return RunEnded(); })) << "the sixth frame of the minute did not stop the task";
 
     const PortInfoNode& record = *m_policies.back()->GetPolicyPortSet().begin();
