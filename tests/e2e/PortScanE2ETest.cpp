@@ -62,21 +62,17 @@ const ExpectedAlarm kRewriteAlarm = {kDuringRewrite,     "TCP", "portscan_0002",
 
 std::string PolicyText(const std::string& hash) {
     Json::Value task;
+    ParseJson(
+        R"({"white_ip_list": "192.168.77.0/24", "check_port_before_alarm": true, "port_package_max_num": 20,
+        "port_ip_max_num": 4, "alarm_max_num": 1, "package_max_num": 1000, "only_master_interface": false,
+        "enable": true, "task_condition": {}})",
+        task);
     for (unsigned port = kSynNmapA; port <= kUdpHping; port = port == kDuringRewrite ? kUdpNmap : port + 1) {
         Json::Value entry;
         entry["port"] = port;
         entry["type"] = port >= kUdpNmap ? 1 : 0;
         task["monitor_list"].append(entry);
     }
-    task["white_ip_list"] = "192.168.77.0/24";
-    task["check_port_before_alarm"] = true;
-    task["port_package_max_num"] = 20;
-    task["port_ip_max_num"] = 4;
-    task["alarm_max_num"] = 1;
-    task["package_max_num"] = 1000;
-    task["only_master_interface"] = false;
-    task["enable"] = true;
-    task["task_condition"] = Json::Value(Json::objectValue);
     return FeaturePolicyText(task, hash);
 }
 

@@ -27,30 +27,24 @@ std::string AgentConfigText(const std::string& modulePath) {
 
 std::string FeaturePolicyText(const Json::Value& task, const std::string& hash) {
     Json::Value policy;
-    policy["feature_name"] = "portscan";
+    ParseJson(R"({"feature_name": "portscan", "enabled": true, "content": {"is_feature_enable": true}})",
+              policy);
     policy["hash"] = hash;
-    policy["enabled"] = true;
-    policy["content"]["is_feature_enable"] = true;
     policy["content"]["port_scan_task"] = task;
     return policy.toStyledString();
 }
 
 Json::Value SwitchesOnTask(const std::vector<std::pair<unsigned, int>>& watched) {
-    Json::Value list(Json::arrayValue);
+    Json::Value task;
+    ParseJson(R"({"check_port_before_alarm": true, "alarm_max_num": 0, "task_condition": {},
+        "drain_socket_queue": true, "exact_port_lookup": true, "dual_stack_occupancy": true,
+        "prompt_alarms": true})",
+              task);
     for (const auto& [port, type] : watched) {
         Json::Value entry;
         entry["port"] = port;
         entry["type"] = type;
-        list.append(entry);
-    }
-    Json::Value task;
-    task["monitor_list"] = list;
-    task["check_port_before_alarm"] = true;
-    task["alarm_max_num"] = 0;
-    task["task_condition"] = Json::Value(Json::objectValue);
-    for (const char* key :
-         {"drain_socket_queue", "exact_port_lookup", "dual_stack_occupancy", "prompt_alarms"}) {
-        task[key] = true;
+        task["monitor_list"].append(entry);
     }
     return task;
 }
