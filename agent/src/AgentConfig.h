@@ -24,6 +24,9 @@ struct PolicySource {
 //   "modules":           [ path of a module library, ... ]   loaded in this order
 //   "policies":          { feature key: path of a policy file, ... }
 //   "report":            { "sinks": [ { "type": "stdout" } | { "type": "file", "path": path }, ... ] }
+//   "supervisor":        { "restart_delay_s": 1..86400 (60), "renew_after_s": 0..31536000 (86400, 0 off) }
+//   "status_file":       path of the status file (default: hostagent.status.json beside the log
+//                        file, or beside the config file when there is no log file)
 // Relative paths start at the config file's folder. Without "report", alarms go to stdout.
 struct AgentConfig {
     std::string file;    // the config file, absolute
@@ -34,6 +37,9 @@ struct AgentConfig {
     std::vector<std::string> modules;
     std::vector<PolicySource> policies;  // in key order
     std::vector<Engine::ReportSink> sinks;
+    int restartDelaySeconds = 60;    // cool-down before a task that stopped by itself starts again
+    long renewAfterSeconds = 86400;  // module tasks start afresh this often; 0: never
+    std::string statusFile;
 };
 
 // Every problem message has the form "<file>: <problem>", naming the offending key.

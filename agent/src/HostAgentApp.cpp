@@ -2,6 +2,10 @@
 
 #include "AgentConfig.h"
 #include "AgentRuntime.h"
+#include "AgentTunables.h"
+#include "PolicyFile.h"
+#include "PolicyLint.h"
+#include "StatusFile.h"
 
 #include <Poco/Util/HelpFormatter.h>
 #include <Poco/Util/Option.h>
@@ -23,6 +27,12 @@ paths start at the config file's folder):
   "policies"           {"feature key": policy file, ...}  each file holds one JSON object
   "report"             {"sinks": [{"type": "stdout"} | {"type": "file", "path": file}, ...]}
                        where alarm events go, one JSON document per line (default: stdout)
+  "supervisor"         {"restart_delay_s": 1..86400 (60), "renew_after_s": 0..31536000 (86400)}
+                       a module task that stops by itself starts again after restart_delay_s
+                       (doubling on quick repeats, up to an hour); every renew_after_s each module
+                       task starts afresh (0: never)
+  "status_file"        status of the running agent, JSON (default: hostagent.status.json beside
+                       the log file); read it with --status
 
 Signals:
   SIGHUP               deliver every policy file again
@@ -35,7 +45,8 @@ Files:
                        delivered with a warning (the module reports its errors; --check-config
                        refuses it)
   alarm files          JSON lines, appended, flushed per event; folders are created
-  log file             folders are created
+  log file             folders are created; more than 50 lines a minute from one source line
+                       are counted instead of written, and a summary line gives the count
 
 Packet capture by modules needs root or CAP_NET_RAW.
 )";
@@ -56,6 +67,13 @@ void HostAgentApp::defineOptions(Poco::Util::OptionSet& options) {
                                          "and exit non-zero.")
                           .required(false)
                           .repeatable(false));
+    options.addOption(Poco::Util::Option("status", "",
+                                         "Print the running agent's status (of the config FILE, default " +
+                                             std::string(kDefaultConfigFile) +
+                                             ") and exit 0 when every task runs, 1 when one does not, 3 "
+                                             "when no agent runs.")
+                          .required(false)
+                          .repeatable(false));
     options.addOption(
         Poco::Util::Option("help", "h", "Show this help and exit.").required(false).repeatable(false));
 }
@@ -69,6 +87,8 @@ void HostAgentApp::handleOption(const std::string& name, const std::string& valu
         m_configPath = value;
     } else if (name == "check-config") {
         m_checkOnly = true;
+    } else if (name == "status") {
+        m_status = true;
     }
 }
 
@@ -78,7 +98,7 @@ std::string HostAgentApp::HelpText() {
     formatter.setUnixStyle(true);
     formatter.setWidth(100);
     formatter.setCommand("hostagent");
-    formatter.setUsage("--config FILE [--check-config] | --help");
+    formatter.setUsage("--config FILE [--check-config] | --status [--config FILE] | --help");
     formatter.setHeader(
         "Host security agent: loads detection modules, feeds them their policies and "
         "reports their alarm events.");
@@ -96,6 +116,15 @@ int HostAgentApp::main(const std::vector<std::string>& args) {
         std::cerr << "hostagent: unexpected argument \"" << args.front() << "\" (see hostagent --help)\n";
         return EXIT_USAGE;
     }
+    if (m_status) {
+        AgentConfig config;
+        std::string error;
+        if (!LoadAgentConfig(m_configPath.empty() ? kDefaultConfigFile : m_configPath, config, error)) {
+            std::cerr << "hostagent: " << error << "\n";
+            return kStatusNoAgent;
+        }
+        return PrintStatus(config.statusFile, std::cout, std::cerr);
+    }
     if (m_configPath.empty()) {
         std::cerr << "hostagent: --config FILE is required (see hostagent --help)\n";
         return EXIT_USAGE;
@@ -108,6 +137,17 @@ int HostAgentApp::main(const std::vector<std::string>& args) {
         return EXIT_CONFIG;
     }
     if (m_checkOnly) {
+        // Findings do not fail the check: the module runs such policies, only less well.
+        const int addresses = CountLocalIpv4Addresses();
+        for (const PolicySource& source : config.policies) {
+            std::string text;
+            std::string problem;
+            if (ReadPolicyFile(source.path, text, problem)) {
+                for (const std::string& finding : LintPolicy(source.path, text, addresses)) {
+                    std::cout << finding << "\n";
+                }
+            }
+        }
         std::cout << "configuration OK\n";
         return EXIT_OK;
     }

@@ -25,6 +25,7 @@ protected:
 private:
     bool m_help = false;
     bool m_checkOnly = false;
+    bool m_status = false;
     std::string m_configPath;
 };
 
