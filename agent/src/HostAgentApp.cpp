@@ -45,7 +45,7 @@ Files:
                        delivered with a warning (the module reports its errors; --check-config
                        refuses it)
   alarm files          JSON lines, appended, flushed per event; folders are created
-  log file             folders are created; more than 50 lines a minute from one source line
+  log file             folders are created; more than 40 lines a minute from one source line
                        are counted instead of written, and a summary line gives the count
 
 Packet capture by modules needs root or CAP_NET_RAW.

@@ -40,8 +40,9 @@ const char* const kRootDisplayName = "root";
 const char* const kModuleFileSuffix = ".log";
 // Lines one source line may write per window before the rest are counted instead of written. A
 // failing socket build (three source lines, about 400 lines a second each) then writes at most
-// 3 * 50 lines and 3 summaries a minute, while every alarm line of a scan of dozens of ports shows.
-constexpr int kLinesPerSourceLine = 50;
+// 3 * 40 lines and 3 summaries a window, so any 60 s (which may straddle two windows) stays well
+// under 300 lines, while every per-packet alarm line of a paced scan of 20 to 40 ports shows.
+constexpr int kLinesPerSourceLine = 40;
 constexpr std::chrono::seconds kBudgetWindow(60);
 // Windows that closed with lines suppressed are summarised at most this often without a caller
 // asking (FlushSuppressedLines), so the sweep costs nothing per line.
@@ -124,9 +125,10 @@ private:
         const long seconds =
             static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(now - window.start).count());
         return Summary{key, window.source,
-                       "[Log] " + std::to_string(window.suppressed) + " more line(s) from " + key.first +
-                           ":" + std::to_string(key.second) + " suppressed in " + std::to_string(seconds) +
-                           " s (more than " + std::to_string(kLinesPerSourceLine) + " a minute)",
+                       "[Log] " + std::to_string(window.suppressed) + " more line(s) from " +
+                           key.first.substr(key.first.rfind('/') + 1) + ":" + std::to_string(key.second) +
+                           " suppressed in " + std::to_string(seconds) + " s (more than " +
+                           std::to_string(kLinesPerSourceLine) + " a minute)",
                        window.worst};
     }
 
