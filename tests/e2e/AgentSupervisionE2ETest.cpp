@@ -202,6 +202,9 @@ TEST_F(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
         m_dir.File("agent.out"), m_dir.File("agent.err"));
     ASSERT_TRUE(CaptureBuilt(1)) << ReadFile(m_dir.File("agent.err"));
     ASSERT_TRUE(WaitUntil([&] { return Status(m_dir).code == 0; }, Seconds(10))) << Status(m_dir).text;
+    // Each task thread carries its task's name, as top -H and ps -L show it.
+    const std::string threads = MustRun({"ps", "-L", "-o", "comm=", "-p", std::to_string(m_agent->Pid())});
+    EXPECT_NE(threads.find("port_scan_task\n"), std::string::npos) << threads;
 
     // More frames in a minute than "package_max_num", even from a source that is never reported:
     // the task stops itself; the status says so.
