@@ -292,7 +292,7 @@ void AgentRuntime::RenewDueTasks() {
         const std::vector<std::string> keys = found->second.keys;
         SDK_ROOT_LOG(
             Poco::Message::PRIO_INFORMATION,
-            "[Agent] Renewing task %s after %ld s: unregistering it and delivering policy key(s) %s again",
+            "[Agent] Renewing task %s (every %ld s): unregistering it and delivering policy key(s) %s again",
             name, m_config.renewAfterSeconds, JoinKeys(keys));
         m_supervisor.MarkRenewing(name);
         m_engine.UnRegisterTask(name);
