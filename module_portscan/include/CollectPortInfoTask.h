@@ -88,6 +88,13 @@ public:
     bool CheckSocketInfo();
     bool DoPortScan(int& errCount, int& pktCount);
     bool HandleSocketBuffer(int sockFd, int& pktCount, int& errCount);
+    // With "drain_socket_queue": after a wake-up of `sockFd` (registered edge-triggered in the
+    // epoll set), reads the frames already queued, each through HandleSocketBuffer, until none is
+    // left, HandleSocketBuffer returns false, the monitor list needs the state machine, or
+    // kMaxFramesPerWakeup frames were read; frames left over are reported again by the next wait.
+    // The last HandleSocketBuffer result.
+    bool DrainSocketQueue(int sockFd, int& pktCount, int& errCount);
+    static const int kMaxFramesPerWakeup;
     bool InitSocket();
 
     // Packet handling and freezing.
@@ -107,13 +114,15 @@ public:
     bool PortCleared();
     void UpdateAndClearPolicyPort();
 
-    // Occupancy (note the argument orders).
+    // Occupancy (note the argument orders). With "dual_stack_occupancy" CheckPortStatus asks about
+    // IPv6 sockets as well when no IPv4 socket holds the port.
     void CheckPortStatus(unsigned short port, int& status, int protocol);
     bool IsPortOccupied(int protocol, unsigned short port);
     void PortOccupied(int protocol, unsigned short port);
     bool IsPortInUse(unsigned int port, unsigned int protocol);
 
-    // Alarms.
+    // Alarms. With "prompt_alarms" the loop calls SendPortAlarm right after the wake-up in which a
+    // port crossed the threshold, besides the minute tick.
     void SendPortAlarm();
     virtual bool BuildPortRemoteIpMap(std::map<unsigned short, std::string>& map);
     int BuildSinglePortAlarmInfo(const PortInfoNode& node, Json::Value& alarm, int& eventCount,
@@ -128,6 +137,12 @@ public:
 private:
     // The task policy, read anew at each use (with the activity mark made first).
     PortScanTaskPolicy* GetPolicy();
+    // Reads one opt-in switch of the task policy without an activity mark, so that a switch that is
+    // off leaves every call of the task as it is without it.
+    bool IsExtensionOn(bool (PortScanTaskPolicy::*isOn)() const) const;
+    // True when `record` has more scan packets than SendPortAlarm requires and its port has not been
+    // alarmed in this run.
+    bool CrossedAlarmThreshold(const PortInfoNode& record) const;
 
     // Lets unit tests read and set the state they check.
     friend class CollectPortInfoTaskPeer;
@@ -147,6 +162,7 @@ private:
     int m_epollFd;
     ComputeChain* m_computeChain;  // owning, head of the classifier chain
     long m_lastTickTime;           // last one-minute tick (s)
+    bool m_alarmPending;           // "prompt_alarms": a port crossed the threshold since the last send
 };
 
 }  // namespace Engine

@@ -49,6 +49,16 @@ public:
     bool IsPortScanEnable() const { return m_enable; }
     uint32_t GetMaxPktCount() const { return m_maxPktCount; }
 
+    // Opt-in extensions, all off unless the policy turns them on.
+    // Keep reading frames already queued after a wake-up of the capture socket.
+    bool IsDrainSocketQueue() const { return m_drainSocketQueue; }
+    // Find a port's record in the task's own set by comparing port and type, not by its ordering.
+    bool IsExactPortLookup() const { return m_exactPortLookup; }
+    // The live occupancy query also asks about IPv6 sockets (which may serve IPv4 too).
+    bool IsDualStackOccupancy() const { return m_dualStackOccupancy; }
+    // Send an alarm as soon as its port crosses the threshold instead of at the minute tick.
+    bool IsPromptAlarms() const { return m_promptAlarms; }
+
     // Replaces the record with the same port and type by a copy of `node`; a pair the policy does
     // not name is not added.
     void RefreshAlarmInfo(const PortInfoNode& node);
@@ -63,6 +73,10 @@ private:
     bool m_chkBeforeAlarm;
     bool m_enable;
     uint32_t m_maxPktCount;
+    bool m_drainSocketQueue;
+    bool m_exactPortLookup;
+    bool m_dualStackOccupancy;
+    bool m_promptAlarms;
 };
 
 }  // namespace Engine

@@ -56,6 +56,8 @@ public:
     // Sends a socket-diagnostics dump request for local IPv4 sockets of `protocol` (1 UDP, else
     // TCP) bound to `port`. True when sent.
     static bool SendNetlinkMsgQuery(int sockfd, unsigned short port, int protocol, int msgType);
+    // The same request for the sockets of address `family` (AF_INET or AF_INET6).
+    static bool SendNetlinkMsgQuery(int sockfd, unsigned short port, int protocol, int msgType, int family);
     // Reads the reply: `result` 0 when such a socket exists, 1 when none. True when `result` holds.
     static bool RecvNetLinkMsgQuery(int sockfd, int& result, int protocol);
     // Classifies the first reply header of `length` received bytes.

@@ -20,6 +20,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <poll.h>
+
 #include <cstdlib>
 #include <vector>
 
@@ -102,6 +104,24 @@ Engine::NetProcsFullTask* FindNetProcTask() {
     return dynamic_cast<Engine::NetProcsFullTask*>(engine->FindTask(kNetProcTaskName));
 }
 
+// One socket-diagnostics query for the sockets of `family` bound to `port`: `status` 0 in use,
+// 1 free, 2 the query failed; unchanged when no netlink socket could be made.
+void QueryPortStatus(unsigned short port, int& status, int protocol, int family) {
+    const int fd = socket(AF_NETLINK, SOCK_RAW, NETLINK_SOCK_DIAG);
+    if (fd < 0) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Create Netlink sock err!");
+        return;
+    }
+    bool answered = SocketUtil::SendNetlinkMsgQuery(fd, port, protocol, SOCK_DIAG_BY_FAMILY, family);
+    if (answered) {
+        answered = SocketUtil::RecvNetLinkMsgQuery(fd, status, protocol);
+    }
+    if (!answered) {
+        status = 2;
+    }
+    close(fd);
+}
+
 std::vector<long> CollectPorts(const std::set<PortInfoNode>& set) {
     std::vector<long> ports;
     ports.reserve(set.size());
@@ -112,6 +132,12 @@ std::vector<long> CollectPorts(const std::set<PortInfoNode>& set) {
 }
 
 }  // namespace
+
+// "drain_socket_queue": frames read per wake-up. A burst from one unpaced scanner (an nmap pass over
+// the whole monitor list, at most 100 records) fits, while one wake-up still hands back to the minute
+// tick, cancellation and the state machine within a few milliseconds; the per-minute packet budget,
+// not this bound, is what limits the work of a flood.
+const int CollectPortInfoTask::kMaxFramesPerWakeup = 128;
 
 // ---------------------------------------------------------------------------------------------
 // Records
@@ -169,13 +195,19 @@ CollectPortInfoTask::CollectPortInfoTask()
       m_sockFd(0),
       m_epollFd(0),
       m_computeChain(nullptr),
-      m_lastTickTime(0) {}
+      m_lastTickTime(0),
+      m_alarmPending(false) {}
 
 CollectPortInfoTask::~CollectPortInfoTask() = default;
 
 PortScanTaskPolicy* CollectPortInfoTask::GetPolicy() {
     MarkActivity();
     return dynamic_cast<PortScanTaskPolicy*>(GetTaskPolicy());
+}
+
+bool CollectPortInfoTask::IsExtensionOn(bool (PortScanTaskPolicy::*isOn)() const) const {
+    const auto* policy = dynamic_cast<const PortScanTaskPolicy*>(GetTaskPolicy());
+    return policy != nullptr && (policy->*isOn)();
 }
 
 namespace {
@@ -211,6 +243,7 @@ void CollectPortInfoTask::InitFieldVars() {
     m_sockFd = -1;
     m_epollFd = -1;
     m_lastTickTime = 0;
+    m_alarmPending = false;
 
     // The half-open test must see a packet before the common test takes it.
     m_computeChain = new HFConnectChain();
@@ -270,6 +303,10 @@ int CollectPortInfoTask::Run() {
         if (!DoPortScan(errCount, pktCount)) {
             sleep(kRetryPauseMs);
         }
+        if (m_alarmPending) {  // only ever set with "prompt_alarms"
+            m_alarmPending = false;
+            SendPortAlarm();
+        }
         GovernCpu(g_afterWaitTick, 85);
     }
     return 0;
@@ -315,7 +352,36 @@ bool CollectPortInfoTask::DoPortScan(int& errCount, int& pktCount) {
     if ((event.events & EPOLLIN) == 0) {
         return true;
     }
+    if (IsExtensionOn(&PortScanTaskPolicy::IsDrainSocketQueue)) {
+        return DrainSocketQueue(event.data.fd, pktCount, errCount);
+    }
     return HandleSocketBuffer(m_sockFd, pktCount, errCount);
+}
+
+bool CollectPortInfoTask::DrainSocketQueue(int sockFd, int& pktCount, int& errCount) {
+    // The socket blocks: every read, the first included, comes after a look at the queue shows a
+    // frame, so a drain never waits in recv.
+    pollfd queued{sockFd, POLLIN, 0};
+    bool result = true;
+    for (int frames = 0; result && m_running && m_monitorStatus == MONITOR_LIST_NORMAL; ++frames) {
+        queued.revents = 0;
+        if (poll(&queued, 1, 0) <= 0 || (queued.revents & POLLIN) == 0) {
+            return result;  // nothing left
+        }
+        if (frames == kMaxFramesPerWakeup) {
+            // Edge-triggered: without a new frame the wait would not report the rest. Modifying the
+            // registration makes the next wait look at the queue again.
+            epoll_event event{};
+            event.events = EPOLLIN | EPOLLET;
+            event.data.fd = sockFd;
+            epoll_ctl(m_epollFd, EPOLL_CTL_MOD, sockFd, &event);
+            return result;
+        }
+        result = HandleSocketBuffer(sockFd, pktCount, errCount);
+    }
+    // Stopped by the packet budget, or the monitor list changed: the state machine reloads the
+    // filter and drops what the old one queued, as it does without draining.
+    return result;
 }
 
 bool CollectPortInfoTask::HandleSocketBuffer(int sockFd, int& pktCount, int& errCount) {
@@ -431,6 +497,9 @@ void CollectPortInfoTask::HandlePacket(const PacketNode& pkt, unsigned long len)
         PORTSCAN_LOG(Poco::Message::PRIO_WARNING, "[PortScan] Alarm found, port [%u], alarm type = [%d]",
                      static_cast<unsigned int>(pkt.localPort), alarmType);
         FillAlarmInfo(record, pkt, alarmType);
+        if (IsExtensionOn(&PortScanTaskPolicy::IsPromptAlarms) && CrossedAlarmThreshold(record)) {
+            m_alarmPending = true;
+        }
     }
 
     // The chain made activity marks: the policy is read anew.
@@ -461,8 +530,11 @@ void CollectPortInfoTask::FillAlarmInfo(PortInfoNode& node, const PacketNode& pk
         ++node.ipNum;
     }
 
-    // A port no longer monitored does not come back this way.
-    const auto it = m_portSet.find(node);
+    // A port no longer monitored does not come back this way. The set's own search can miss a
+    // present record when ports and protocols are numbered against each other.
+    const auto it = IsExtensionOn(&PortScanTaskPolicy::IsExactPortLookup)
+                        ? FindRecord(m_portSet, node.port, node.type)
+                        : std::set<PortInfoNode>::const_iterator(m_portSet.find(node));
     if (it != m_portSet.end()) {
         m_portSet.erase(it);
         m_portSet.insert(node);
@@ -661,19 +733,17 @@ void CollectPortInfoTask::UpdateAndClearPolicyPort() {
 // Port occupancy
 
 void CollectPortInfoTask::CheckPortStatus(unsigned short port, int& status, int protocol) {
-    const int fd = socket(AF_NETLINK, SOCK_RAW, NETLINK_SOCK_DIAG);
-    if (fd < 0) {
-        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Create Netlink sock err!");
+    QueryPortStatus(port, status, protocol, AF_INET);
+    if (status == 0 || !IsExtensionOn(&PortScanTaskPolicy::IsDualStackOccupancy)) {
         return;
     }
-    bool answered = SocketUtil::SendNetlinkMsgQuery(fd, port, protocol, SOCK_DIAG_BY_FAMILY);
-    if (answered) {
-        answered = SocketUtil::RecvNetLinkMsgQuery(fd, status, protocol);
+    // An IPv6 wildcard socket serves IPv4 clients too. In use when either family holds the port;
+    // otherwise a failed query of either family shows.
+    int ipv6Status = 1;
+    QueryPortStatus(port, ipv6Status, protocol, AF_INET6);
+    if (ipv6Status != 1) {
+        status = ipv6Status;
     }
-    if (!answered) {
-        status = 2;
-    }
-    close(fd);
 }
 
 bool CollectPortInfoTask::IsPortOccupied(int protocol, unsigned short port) {
@@ -724,6 +794,12 @@ bool CollectPortInfoTask::BuildPortRemoteIpMap(std::map<unsigned short, std::str
         map.emplace(static_cast<unsigned short>(entry.second->localPort), entry.second->remoteAddress);
     }
     return true;
+}
+
+bool CollectPortInfoTask::CrossedAlarmThreshold(const PortInfoNode& record) const {
+    const auto* policy = dynamic_cast<const PortScanTaskPolicy*>(GetTaskPolicy());
+    return policy != nullptr && static_cast<uint32_t>(record.alarmNum) > policy->GetMaxLogNum() &&
+           m_logLimitPortMap.find(record.port) == m_logLimitPortMap.end();
 }
 
 void CollectPortInfoTask::SendPortAlarm() {

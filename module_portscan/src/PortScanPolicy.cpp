@@ -108,7 +108,11 @@ PortScanTaskPolicy::PortScanTaskPolicy(const std::string& name)
       m_bindMasterIntf(false),
       m_chkBeforeAlarm(false),
       m_enable(false),
-      m_maxPktCount(0) {}
+      m_maxPktCount(0),
+      m_drainSocketQueue(false),
+      m_exactPortLookup(false),
+      m_dualStackOccupancy(false),
+      m_promptAlarms(false) {}
 
 PortScanTaskPolicy::~PortScanTaskPolicy() = default;
 
@@ -163,6 +167,11 @@ bool PortScanTaskPolicy::Parse(const std::string& text) {
     m_bindMasterIntf = SDK::JsonUtils::GetBoolValue(root, "only_master_interface", false);
     m_chkBeforeAlarm = SDK::JsonUtils::GetBoolValue(root, "check_port_before_alarm", false);
     m_enable = SDK::JsonUtils::GetBoolValue(root, "enable", true);
+    // Extensions: absent means off, and then the task behaves exactly as without them.
+    m_drainSocketQueue = SDK::JsonUtils::GetBoolValue(root, "drain_socket_queue", false);
+    m_exactPortLookup = SDK::JsonUtils::GetBoolValue(root, "exact_port_lookup", false);
+    m_dualStackOccupancy = SDK::JsonUtils::GetBoolValue(root, "dual_stack_occupancy", false);
+    m_promptAlarms = SDK::JsonUtils::GetBoolValue(root, "prompt_alarms", false);
 
     // A condition the runtime refuses fails the whole task policy.
     return ParseCondition(SDK::JsonUtils::JsonToString(condition));

@@ -357,6 +357,10 @@ bool SocketUtil::RecvNetlinkMsg(int fd, sockaddr_nl* address, std::vector<RouteT
 }
 
 bool SocketUtil::SendNetlinkMsgQuery(int sockfd, unsigned short port, int protocol, int msgType) {
+    return SendNetlinkMsgQuery(sockfd, port, protocol, msgType, AF_INET);
+}
+
+bool SocketUtil::SendNetlinkMsgQuery(int sockfd, unsigned short port, int protocol, int msgType, int family) {
     sockaddr_nl destination;
     memset_s(&destination, sizeof(destination), 0, sizeof(destination));
     destination.nl_family = AF_NETLINK;
@@ -369,11 +373,11 @@ bool SocketUtil::SendNetlinkMsgQuery(int sockfd, unsigned short port, int protoc
     message.header.nlmsg_len = sizeof(message);
     message.header.nlmsg_type = static_cast<__u16>(msgType);
     message.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_ROOT | NLM_F_MATCH;
-    message.request.sdiag_family = AF_INET;
+    message.request.sdiag_family = static_cast<__u8>(family);
     message.request.sdiag_protocol = (protocol == 1) ? IPPROTO_UDP : IPPROTO_TCP;
-    // Every state except bit 13 (TCP_BOUND_INACTIVE): with that bit set the kernel answers with
-    // every merely bound socket whatever its port, so one such socket would make every watched
-    // port look taken and hide the scans on them.
+    // Every state except bit 13 (TCP_BOUND_INACTIVE), for either family: with that bit set the
+    // kernel answers with every merely bound socket whatever its port, so one such socket would make
+    // every watched port look taken and hide the scans on them.
     message.request.idiag_states = 0xFFFFDFFF;
     message.request.id.idiag_sport = htons(port);
 

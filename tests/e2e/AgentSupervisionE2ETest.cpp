@@ -15,6 +15,7 @@
 #include <sstream>
 #include <thread>
 
+#include "ScanLab.h"
 #include "support/NetLab.h"
 
 using namespace TestSupport;
@@ -58,13 +59,7 @@ std::string Policy(const std::vector<unsigned>& ports) {
     task["only_master_interface"] = false;
     task["enable"] = true;
     task["task_condition"] = Json::Value(Json::objectValue);
-    Json::Value policy;
-    policy["feature_name"] = "portscan";
-    policy["hash"] = "supervision";
-    policy["enabled"] = true;
-    policy["content"]["is_feature_enable"] = true;
-    policy["content"]["port_scan_task"] = task;
-    return policy.toStyledString();
+    return ScanLab::FeaturePolicyText(task, "supervision");
 }
 
 void WriteAgentFiles(const TempDir& dir, int cpuLimit, int restartDelay, int renewAfter,
@@ -94,16 +89,8 @@ std::size_t CountContaining(const std::string& path, const std::string& needle) 
     return count;
 }
 
-// Alarm documents per local port.
 std::multiset<unsigned> AlarmedPorts(const std::string& path) {
-    std::multiset<unsigned> ports;
-    for (const std::string& line : ReadLines(path)) {
-        Json::Value alarm;
-        if (Json::Reader().parse(line, alarm) && alarm.isObject()) {
-            ports.insert(alarm["network_info"]["local_port"].asUInt());
-        }
-    }
-    return ports;
+    return ScanLab::AlarmPorts(ScanLab::ReadAlarms(path));
 }
 
 // CPU seconds (user + system) the process has used, from /proc.

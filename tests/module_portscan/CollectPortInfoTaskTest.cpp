@@ -15,6 +15,7 @@
 #include <Poco/Logger.h>
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -40,6 +41,7 @@ public:
     CollectPortInfoTask::NetCacheMap& NetCache() { return t.m_netCacheMap; }
     int& SockFd() { return t.m_sockFd; }
     int& EpollFd() { return t.m_epollFd; }
+    bool& Running() { return t.m_running; }
 
 private:
     CollectPortInfoTask& t;
@@ -427,6 +429,211 @@ TEST_F(CollectTaskTest, DumpAtDebugLevelOnly) {
     PortScan::GetLoggerPtr()->setLevel(Poco::Message::PRIO_DEBUG);
     m_task.PrintPortInfo();
     EXPECT_TRUE(m_log->Texts().empty());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Opt-in switches of the task policy, each on and off at the operation it changes.
+
+// A TCP SYN (flags 0x02) or UDP frame from `remote` to 10.0.0.1:`port`, as the capture socket
+// delivers it (Ethernet header first).
+std::string Frame(unsigned short port, bool udp = false, const char* remote = "192.168.1.7") {
+    std::string frame(64, '\0');
+    frame[14] = 0x45;
+    frame[23] = udp ? 17 : 6;
+    const in_addr source{inet_addr(remote)}, destination{inet_addr("10.0.0.1")};
+    memcpy(&frame[26], &source, 4);
+    memcpy(&frame[30], &destination, 4);
+    const uint16_t sourcePort = htons(40000), destinationPort = htons(port);
+    memcpy(&frame[34], &sourcePort, 2);
+    memcpy(&frame[36], &destinationPort, 2);
+    frame[47] = 0x02;
+    return frame;
+}
+
+// A datagram socket pair standing in for the capture socket, registered edge-triggered in the task's
+// epoll set as InitSocket registers it; the task's until the capture ends, then closed here.
+struct FakeCapture {
+    explicit FakeCapture(CollectPortInfoTaskPeer peer) : m_peer(peer) {
+        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, pair));
+        epoll_event event{EPOLLIN | EPOLLET, {}};
+        event.data.fd = pair[0];
+        m_peer.EpollFd() = epoll_create(1);
+        EXPECT_EQ(0, epoll_ctl(m_peer.EpollFd(), EPOLL_CTL_ADD, pair[0], &event));
+        m_peer.SockFd() = pair[0];
+        m_peer.SocketReady() = true;
+    }
+    ~FakeCapture() {
+        m_peer.SocketReady() = false;
+        close(m_peer.EpollFd());
+        close(pair[0]);
+        close(pair[1]);
+    }
+    void Send(const std::string& frame, int count = 1) {
+        for (int i = 0; i < count; ++i) {
+            ASSERT_EQ(static_cast<ssize_t>(frame.size()), send(pair[1], frame.data(), frame.size(), 0));
+        }
+    }
+    int Queued() {
+        int frames = 0;
+        for (char byte; recv(pair[0], &byte, 1, MSG_DONTWAIT) >= 0;) {
+            ++frames;
+        }
+        return frames;
+    }
+    CollectPortInfoTaskPeer m_peer;
+    int pair[2] = {-1, -1};
+};
+
+// Off: one frame per wake-up. On: up to the bound, the rest at the next wait although no new frame
+// came; the packet budget still stops the task at the first frame above it.
+TEST_F(CollectTaskTest, DrainReadsQueuedFramesUpToTheBoundAndWithinTheBudget) {
+    const int bound = CollectPortInfoTask::kMaxFramesPerWakeup;
+    for (bool drain : {false, true}) {
+        SCOPED_TRACE(drain);
+        UsePolicy("[]", drain ? R"(,"drain_socket_queue":true)" : "");
+        FakeCapture capture(Peer());
+        m_log->Clear();
+        capture.Send(Frame(2301, true), bound + 5);
+        int errCount = 0, pktCount = 0;
+        EXPECT_TRUE(m_task.DoPortScan(errCount, pktCount));
+        EXPECT_EQ(drain ? bound : 1, pktCount);
+        EXPECT_EQ(static_cast<std::size_t>(pktCount), m_log->Count(kOffered));
+        if (drain) {
+            EXPECT_TRUE(m_task.DoPortScan(errCount, pktCount));  // reported again although no frame came
+            EXPECT_EQ(bound + 5, pktCount);
+        }
+        EXPECT_EQ(0, errCount);
+    }
+
+    UsePolicy("[]", R"(,"drain_socket_queue":true,"package_max_num":10)");
+    FakeCapture capture(Peer());
+    capture.Send(Frame(2301, true), 20);
+    int errCount = 0, pktCount = 0;
+    EXPECT_FALSE(m_task.DoPortScan(errCount, pktCount));
+    EXPECT_EQ(11, pktCount);
+    EXPECT_FALSE(Peer().Running());
+    EXPECT_EQ(9, capture.Queued());
+}
+
+// Records (443, TCP) then (80, UDP): the set's own search misses the second. Its evidence reaches the
+// monitored record only with the exact lookup.
+TEST_F(CollectTaskTest, ExactLookupKeepsEvidenceOfARecordTheOrderingHides) {
+    for (bool exact : {false, true}) {
+        SCOPED_TRACE(exact);
+        UsePolicy(R"([{"port":443,"type":0},{"port":80,"type":1}])",
+                  exact ? R"(,"exact_port_lookup":true)" : "");
+        Peer().PortSet() = {PortInfoNode(443, 0)};
+        Peer().PortSet().insert(PortInfoNode(80, 1));
+        PacketNode pkt{};
+        pkt.localPort = 80;
+        pkt.type = 1;
+        pkt.remoteAddress.s_addr = inet_addr("192.168.1.7");
+        PortInfoNode record(80, 1);
+        record.alarmNum = 2;
+        m_task.FillAlarmInfo(record, pkt, 1);
+        std::size_t entries = 0;
+        for (const PortInfoNode& node : Peer().PortSet()) {
+            entries += node.port == 80 ? node.alarmInfos.size() : 0;
+        }
+        EXPECT_EQ(exact ? 1u : 0u, entries);
+        EXPECT_EQ(2u, Peer().PortSet().size());
+        m_task.SendPortAlarm();
+        EXPECT_EQ(exact ? 1u : 0u, m_report->received.size());
+        m_report->received.clear();
+    }
+}
+
+// Sockets of this namespace on ports the kernel picks: in use for IPv4 probes when an IPv6 wildcard
+// socket holds them only with the switch; an IPv4 holder counts either way, a free port neither.
+TEST_F(CollectTaskTest, DualStackQueryFindsIPv6WildcardHolders) {
+    const int v6 = socket(AF_INET6, SOCK_STREAM, 0);
+    if (v6 < 0) {
+        GTEST_SKIP() << "no IPv6 here";
+    }
+    close(v6);
+    // Binds a socket of `family` and `type` to a port of the kernel's choice; its descriptor and port.
+    auto hold = [](int family, int type) {
+        const int fd = socket(family, type, 0);
+        sockaddr_storage address{};
+        address.ss_family = static_cast<sa_family_t>(family);
+        socklen_t length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+        const int off = 0;
+        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof(off));
+        EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), length));
+        if (type == SOCK_STREAM) {
+            EXPECT_EQ(0, listen(fd, 1));
+        }
+        EXPECT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length));
+        const uint16_t port = ntohs(family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&address)->sin6_port
+                                                       : reinterpret_cast<sockaddr_in*>(&address)->sin_port);
+        return std::make_pair(fd, port);
+    };
+    const auto tcp6 = hold(AF_INET6, SOCK_STREAM), udp6 = hold(AF_INET6, SOCK_DGRAM);
+    const auto tcp4 = hold(AF_INET, SOCK_STREAM), freed = hold(AF_INET6, SOCK_STREAM);
+    close(freed.first);
+    const struct {
+        uint16_t port;
+        int protocol;
+        int off, on;  // status without and with the switch
+    } cases[] = {{tcp6.second, 0, 1, 0},
+                 {udp6.second, 1, 1, 0},
+                 {tcp6.second, 1, 1, 1},
+                 {tcp4.second, 0, 0, 0},
+                 {freed.second, 0, 1, 1}};
+    for (bool dual : {false, true}) {
+        UsePolicy("[]", dual ? R"(,"dual_stack_occupancy":true)" : "");
+        for (const auto& c : cases) {
+            int status = 7;
+            m_task.CheckPortStatus(c.port, status, c.protocol);
+            EXPECT_EQ(dual ? c.on : c.off, status)
+                << dual << " port " << c.port << " protocol " << c.protocol;
+        }
+    }
+    for (int fd : {tcp6.first, udp6.first, tcp4.first}) {
+        close(fd);
+    }
+}
+
+// Two SYNs from a private host cross the default threshold: with the switch the alarm leaves in the
+// same pass of the loop, without it at the next minute tick. Either way it goes out once.
+TEST_F(CollectTaskTest, PromptAlarmLeavesBeforeTheTick) {
+    const char* const sending = "[PortScan] Sending alarm [";
+    for (bool prompt : {false, true}) {
+        SCOPED_TRACE(prompt);
+        m_clock->now = kStart;
+        UsePolicy(R"([{"port":2301,"type":0}])", std::string(R"(,"check_port_before_alarm":true)") +
+                                                     (prompt ? R"(,"prompt_alarms":true)" : ""));
+        Peer().PortSet() = {PortInfoNode(2301, 0)};
+        Peer().LogLimitPortMap().clear();
+        Peer().MonitorStatus() = MONITOR_LIST_NORMAL;
+        m_report->received.clear();
+        FakeCapture capture(Peer());
+        m_log->Clear();
+        m_run = std::async(std::launch::async, [this] { return m_task.Run(); });
+        // Tick 0 is done (its list rebuild fails without a network-process task; the list stays).
+        ASSERT_TRUE(Poll([this] { return m_log->Count(kEndHeader) == 1; }));
+        // One frame per wake-up without draining: each is sent once the previous one was taken. The
+        // third, to a port the policy does not name, is read in the pass after the second's.
+        const std::string frames[] = {Frame(2301), Frame(2301), Frame(2302, true)};
+        const char* const taken[] = {"[PortScan] Alarm found, port [2301]",
+                                     "[PortScan] Alarm found, port [2301]", "[PortScan] Port not found."};
+        for (std::size_t i = 0; i < 3; ++i) {
+            capture.Send(frames[i]);
+            ASSERT_TRUE(Poll([&] { return m_log->CountContaining(taken[i]) == (i == 2 ? 1u : i + 1); })) << i;
+        }
+        EXPECT_EQ(prompt ? 1u : 0u, m_log->CountContaining(sending));
+        EXPECT_EQ(1u, m_log->Count(kEndHeader));
+        if (!prompt) {
+            m_clock->now += 61;
+            ASSERT_TRUE(Poll([&] { return m_log->CountContaining(sending) == 1; }));
+        }
+        m_clock->now += 61;  // the next tick finds the port alarmed already
+        ASSERT_TRUE(Poll([this] { return m_log->CountContaining("already alarmed") == 1; }));
+        m_task.cancel();
+        m_run.get();
+        m_task.reset();
+        EXPECT_EQ(1u, m_report->received.size());
+    }
 }
 
 }  // namespace

@@ -110,6 +110,23 @@ TEST(PortScanPolicy, MonitorRecordsDefaultsAndRefresh) {
               records);
 }
 
+TEST(PortScanPolicy, OptInSwitchesAreOffUnlessTheKeyIsTheJsonTrue) {
+    const char* keys[] = {"drain_socket_queue", "exact_port_lookup", "dual_stack_occupancy", "prompt_alarms"};
+    for (const std::string value : {"", "true", "false", "1", "\"true\""}) {
+        for (const char* key : keys) {
+            Engine::PortScanTaskPolicy policy("port_scan_task");
+            const std::string extra = value.empty() ? "" : "," + std::string("\"") + key + "\":" + value;
+            ASSERT_TRUE(policy.Parse(R"({"monitor_list":[],"task_condition":{})" + extra + "}"));
+            const std::vector<bool> on = {policy.IsDrainSocketQueue(), policy.IsExactPortLookup(),
+                                          policy.IsDualStackOccupancy(), policy.IsPromptAlarms()};
+            for (std::size_t i = 0; i < on.size(); ++i) {
+                EXPECT_EQ(value == "true" && key == keys[i], on[i])
+                    << key << "=" << value << " read " << keys[i];
+            }
+        }
+    }
+}
+
 TEST(PortScanModule, SwitchesOneTaskObject) {
     const std::string on = Feature(R"({"monitor_list":[],"task_condition":{}})");
     const std::string off = R"({"content":{"is_feature_enable":false,"port_scan_task":{}}})";
