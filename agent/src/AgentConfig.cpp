@@ -242,6 +242,29 @@ void ParseReport(const Json::Value& report, const Resolver& resolve, std::vector
     }
 }
 
+long IntegerIn(const Json::Value& value, const std::string& where, long low, long high) {
+    const std::string range = "an integer " + std::to_string(low) + ".." + std::to_string(high);
+    Expect(value, Json::intValue, where, range.c_str());
+    const long number = value.asInt();
+    if (number < low || number > high) {
+        throw ConfigProblem(Quoted(where) + " must be " + range + ", not " + std::to_string(number));
+    }
+    return number;
+}
+
+void ParseSupervisor(const Json::Value& supervisor, AgentConfig& config) {
+    Expect(supervisor, Json::objectValue, "supervisor", "an object");
+    RejectUnknownKeys(supervisor, "supervisor", {"restart_delay_s", "renew_after_s"});
+    if (supervisor.isMember("restart_delay_s")) {
+        config.restartDelaySeconds = static_cast<int>(
+            IntegerIn(supervisor["restart_delay_s"], "supervisor.restart_delay_s", 1, 86400));
+    }
+    if (supervisor.isMember("renew_after_s")) {
+        config.renewAfterSeconds =
+            IntegerIn(supervisor["renew_after_s"], "supervisor.renew_after_s", 0, 365L * 86400);
+    }
+}
+
 }  // namespace
 
 bool ParseAgentConfig(const std::string& path, const std::string& text, AgentConfig& config,
@@ -260,7 +283,9 @@ bool ParseAgentConfig(const std::string& path, const std::string& text, AgentCon
         if (!root.isObject()) {
             throw ConfigProblem("the config must be a JSON object");
         }
-        RejectUnknownKeys(root, "", {"log", "connect", "cpu_limit_percent", "modules", "policies", "report"});
+        RejectUnknownKeys(root, "",
+                          {"log", "connect", "cpu_limit_percent", "modules", "policies", "report",
+                           "supervisor", "status_file"});
         Resolver resolve(parsed.folder);
         if (root.isMember("log")) {
             ParseLog(root["log"], resolve, parsed.log);
@@ -287,6 +312,16 @@ bool ParseAgentConfig(const std::string& path, const std::string& text, AgentCon
             ParseReport(root["report"], resolve, parsed.sinks);
         } else {
             parsed.sinks.push_back(Engine::ReportSink{});
+        }
+        if (root.isMember("supervisor")) {
+            ParseSupervisor(root["supervisor"], parsed);
+        }
+        if (root.isMember("status_file")) {
+            parsed.statusFile = resolve(NonEmptyString(root["status_file"], "status_file"));
+        } else {
+            Poco::Path beside(parsed.log.file.empty() ? parsed.file : parsed.log.file);
+            beside.setFileName(kStatusFileName);
+            parsed.statusFile = beside.toString();
         }
     } catch (const ConfigProblem& problem) {
         error = parsed.file + ": " + problem.what();

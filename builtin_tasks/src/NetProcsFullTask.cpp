@@ -79,8 +79,14 @@ NetProcsFullTask::NetProcsFullTask(long refreshPeriodMs)
 NetProcsFullTask::~NetProcsFullTask() = default;
 
 void NetProcsFullTask::GetNetCacheMap(CacheMap& out) {
+    m_lastRead.store(std::chrono::steady_clock::now().time_since_epoch().count(), std::memory_order_relaxed);
     std::lock_guard<std::mutex> lock(m_mutex);
     out = m_cache;
+}
+
+std::chrono::steady_clock::time_point NetProcsFullTask::GetLastReadTime() const {
+    return std::chrono::steady_clock::time_point(
+        std::chrono::steady_clock::duration(m_lastRead.load(std::memory_order_relaxed)));
 }
 
 bool NetProcsFullTask::RefreshNow() {

@@ -2,6 +2,8 @@
 
 #include "framework/Task.h"
 
+#include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -39,6 +41,9 @@ public:
     // Replaces `out` with a snapshot of the cache: socket inode -> socket. Safe from any thread;
     // the records are shared and never modified after publication.
     void GetNetCacheMap(CacheMap& out);
+    // When GetNetCacheMap was last called (steady clock); the epoch when never. Readers do their
+    // periodic work around that call, so the agent can tell when that work is done.
+    std::chrono::steady_clock::time_point GetLastReadTime() const;
 
     // Re-reads the kernel's socket tables now. False when the kernel could not be asked (the
     // previous cache is kept).
@@ -54,6 +59,7 @@ private:
     long m_refreshPeriodMs;
     std::mutex m_mutex;
     CacheMap m_cache;
+    std::atomic<std::chrono::steady_clock::rep> m_lastRead{0};
 };
 
 }  // namespace Engine
