@@ -69,7 +69,7 @@ int AgentRuntime::Run() {
         return Poco::Util::Application::EXIT_CONFIG;
     }
     SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] hostagent starting with %s", m_config.file);
-    WarnWithoutCaptureCapability();
+    WarnAboutMissingCapabilities();
     Framework::ConfigManager::GetInstance()->SetConnectConfig(m_config.connect);
     SDK::InnerCpuCtrlUtils::SetCpuLimitPercent(m_config.cpuLimitPercent);
     m_engine.SetTaskObserver([this](const Framework::Engine::TaskEvent& event) {
@@ -116,10 +116,10 @@ bool AgentRuntime::ConfigureLogging() {
     return true;
 }
 
-void AgentRuntime::WarnWithoutCaptureCapability() {
-    if (CheckCaptureCapability() == CaptureCapability::Missing) {
-        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
-                     "[Agent] No CAP_NET_RAW: packet capture will fail; run as root or grant CAP_NET_RAW");
+void AgentRuntime::WarnAboutMissingCapabilities() {
+    for (const NeededCapability& cap : MissingCapabilities()) {
+        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING, "[Agent] No %s: %s; run as root or grant %s",
+                     std::string(cap.name), std::string(cap.effect), std::string(cap.name));
     }
 }
 

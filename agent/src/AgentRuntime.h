@@ -42,7 +42,7 @@ public:
 
 private:
     bool ConfigureLogging();
-    void WarnWithoutCaptureCapability();
+    void WarnAboutMissingCapabilities();
     bool StartBuiltinTasks();
     bool StartModules();
     void ServeUntilStopped();

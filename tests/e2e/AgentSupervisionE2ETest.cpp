@@ -301,6 +301,9 @@ TEST(AgentBoundsE2E, EmptyMonitorListStaysUnderTheCpuLimitAndAFailingSocketBuild
     EXPECT_LE(lines, 300u);
     EXPECT_GT(CountContaining(failDir.File("log/hostagent.log"), "suppressed in"), 0u)
         << "the socket build did not fail: is CAP_NET_RAW still there?";
+    // The operator is told at start which privilege is missing and what it costs.
+    EXPECT_EQ(CountContaining(failDir.File("log/hostagent.log"), "No CAP_NET_RAW: packet capture will fail"),
+              1u);
     EXPECT_TRUE(idle.Running());
     EXPECT_TRUE(failing.Running());
 }
