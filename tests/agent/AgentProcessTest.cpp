@@ -20,6 +20,11 @@ std::string Policy(const std::string& marker, int count = 1, int burstOnStop = 0
            std::to_string(burstOnStop) + "}";
 }
 
+// A JSON text nested deeper than the JSON reader's stack limit (1000 levels).
+std::string DeeplyNested() {
+    return std::string(1001, '[') + std::string(1001, ']');
+}
+
 // The test module's events in a JSON-lines file with this marker and kind; a line that is not a
 // JSON object fails the test.
 std::size_t Count(const std::string& path, const std::string& marker, const std::string& kind) {
@@ -60,9 +65,18 @@ TEST(AgentProcessTest, ReportsEventsAndFollowsPolicyEdits) {
     Agent agent(Policy("first"));
     ASSERT_TRUE(agent.WaitFor("first", 1)) << agent.Log();
     EXPECT_TRUE(WaitUntil([&] { return Count(agent.m_dir.File("stdout"), "first", "policy") == 1; }, kWait));
+    // A text too deeply nested to parse is reported once and does not stop the agent.
+    WriteFile(agent.m_dir.File("test.json"), "{\"a\": " + DeeplyNested() + "}");
+    ASSERT_TRUE(WaitUntil([&] { return agent.Log().find("nested too deeply") != std::string::npos; }, kWait))
+        << agent.Log();
     WriteFile(agent.m_dir.File("test.json"), Policy("second"));  // noticed by polling, no signal
     ASSERT_TRUE(agent.WaitFor("second", 1)) << agent.Log();
     EXPECT_EQ(agent.Terminate(), 0) << agent.Log();
+    std::size_t deepLines = 0;
+    for (const std::string& line : ReadLines(agent.m_dir.File("stderr"))) {
+        deepLines += line.find("nested too deeply") != std::string::npos;
+    }
+    EXPECT_EQ(deepLines, 1u) << agent.Log();
     for (const char* sink : {"alarms.jsonl", "stdout"}) {
         EXPECT_EQ(ReadLines(agent.m_dir.File(sink)).size(), 2u) << sink;
         EXPECT_EQ(Count(agent.m_dir.File(sink), "second", "policy"), 1u) << sink;
@@ -92,6 +106,8 @@ TEST(AgentProcessTest, CheckConfigNamesTheFileAndTheProblem) {
         {R"({"report": {"sinks": [{"type": "pipe"}]}})", "{}", "agent.json", "unknown sink type \"pipe\""},
         {R"({"policies": {"90001": "none.json"}})", "{}", "none.json", "No such file"},
         {R"({"policies": {"90001": "p.json"}})", "[1]", "p.json", "not a JSON object"},
+        {R"({"policies": {"90001": "p.json"}})", "DEEP", "p.json", "nested too deeply"},
+        {R"({"log": DEEP})", "{}", "agent.json", "nested too deeply"},
         {R"({"modules": ["MODULE"], "policies": {"90001": "p.json"}})", R"({"marker": "ok"})", "",
          "configuration OK"},
     };
@@ -102,13 +118,20 @@ TEST(AgentProcessTest, CheckConfigNamesTheFileAndTheProblem) {
         if (config.find("MODULE") != std::string::npos) {
             config.replace(config.find("MODULE"), 6, TEST_MODULE);
         }
+        std::string policy = c.policy;
+        for (std::string* text : {&config, &policy}) {
+            if (text->find("DEEP") != std::string::npos) {
+                text->replace(text->find("DEEP"), 4, DeeplyNested());
+            }
+        }
         WriteFile(dir.File("agent.json"), config);
-        WriteFile(dir.File("p.json"), c.policy);
+        WriteFile(dir.File("p.json"), policy);
         RunResult check = TestSupport::Run(
             {HOSTAGENT_BIN, "--check-config", "--config", dir.File("agent.json")}, "", Seconds(30));
         EXPECT_EQ(check.code == 0, *c.file == '\0') << check.output;
         EXPECT_NE(check.output.find(*c.file ? dir.File(c.file) : ""), std::string::npos) << check.output;
         EXPECT_NE(check.output.find(c.problem), std::string::npos) << check.output;
+        EXPECT_NE(check.code, 70) << "an exception escaped: " << check.output;
     }
 }
 
