@@ -54,6 +54,9 @@ private:
     long m_refreshPeriodMs;
     std::mutex m_mutex;
     CacheMap m_cache;
+    // Why the last refresh failed ("" after a good one): a lasting fault is logged once, not per
+    // refresh, and its end is logged too. Touched by the refreshing thread only.
+    std::string m_refreshProblem;
 };
 
 }  // namespace Engine
