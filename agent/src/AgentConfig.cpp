@@ -1,5 +1,6 @@
 #include "AgentConfig.h"
 
+#include "FileSafety.h"
 #include "JsonText.h"
 #include "PolicyFile.h"
 
@@ -230,6 +231,11 @@ bool ParseAgentConfig(const std::string& path, const std::string& text, AgentCon
 }
 
 bool LoadAgentConfig(const std::string& path, AgentConfig& config, std::string& error) {
+    std::string problem;
+    if (!CheckFileSafety(path, problem)) {
+        error = path + ": " + problem;
+        return false;
+    }
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         error = path + ": cannot read the config file: " + std::strerror(errno);
@@ -249,6 +255,11 @@ bool CheckModuleFiles(const AgentConfig& config, std::string& error) {
             }
             if (!file.isFile()) {
                 error = config.file + ": module file " + module + " is not a regular file";
+                return false;
+            }
+            std::string problem;
+            if (!CheckFileSafety(module, problem)) {
+                error = module + ": " + problem + " (module named in " + config.file + ")";
                 return false;
             }
         } catch (const Poco::Exception& e) {

@@ -36,6 +36,9 @@ Files:
                        refuses it)
   alarm files          JSON lines, appended, flushed per event; folders are created
   log file             folders are created
+  config, policy and module files, and every folder above them, must not be writable by any
+  user but root or the agent's own (folders with the sticky bit, like /tmp, excepted): such a
+  file is refused, naming the file or folder and the chmod or chown that fixes it
 
 Packet capture by modules needs root or CAP_NET_RAW.
 )";

@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <csignal>
 #include <memory>
 #include <optional>
@@ -133,6 +137,60 @@ TEST(AgentProcessTest, CheckConfigNamesTheFileAndTheProblem) {
         EXPECT_NE(check.output.find(c.problem), std::string::npos) << check.output;
         EXPECT_NE(check.code, 70) << "an exception escaped: " << check.output;
     }
+}
+
+TEST(AgentProcessTest, FilesOtherUsersCanChangeAreRefused) {
+    const struct {
+        const char* unsafe;  // made writable by all ("" for none)
+        mode_t mode;
+        bool chownToOther;  // owned by a user other than root and the agent's
+        const char* problem;
+    } cases[] = {
+        {"lib/module.so", 0777, false, "lib/module.so: unsafe: "},
+        {"agent.json", 0666, false, "agent.json: unsafe: "},
+        {"policies/p.json", 0666, false, "policies/p.json: unsafe: "},
+        {"policies", 0777, false, "unsafe: its folder "},
+        {"policies/p.json", 0644, true, "is owned by uid 54321"},
+        {"policies", 01777, false, "configuration OK"},  // a sticky folder is fine
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.unsafe) + (c.chownToOther ? " chown" : ""));
+        TempDir dir;
+        for (const char* folder : {"lib", "policies"}) {
+            ASSERT_EQ(mkdir(dir.File(folder).c_str(), 0755), 0);
+        }
+        WriteFile(dir.File("lib/module.so"), ReadFile(TEST_MODULE));
+        WriteFile(dir.File("policies/p.json"), Policy("safe"));
+        WriteFile(dir.File("agent.json"),
+                  R"({"modules": ["lib/module.so"], "policies": {"90001": "policies/p.json"}})");
+        const std::string unsafe = dir.File(c.unsafe);
+        ASSERT_EQ(chmod(unsafe.c_str(), c.mode), 0);
+        if (c.chownToOther && chown(unsafe.c_str(), 54321, 54321) != 0) {
+            GTEST_SKIP() << "giving a file to another user needs root";
+        }
+        RunResult check = TestSupport::Run(
+            {HOSTAGENT_BIN, "--check-config", "--config", dir.File("agent.json")}, "", Seconds(30));
+        const bool ok = std::string(c.problem) == "configuration OK";
+        EXPECT_EQ(check.code == 0, ok) << check.output;
+        EXPECT_NE(check.output.find(c.problem), std::string::npos) << check.output;
+        if (!ok) {
+            // One line naming the file or folder at fault and the fix.
+            EXPECT_NE(check.output.find(unsafe), std::string::npos) << check.output;
+            EXPECT_NE(
+                check.output.find(c.chownToOther ? "fix: chown root " + unsafe : "fix: chmod go-w " + unsafe),
+                std::string::npos)
+                << check.output;
+            EXPECT_EQ(std::count(check.output.begin(), check.output.end(), '\n'), 1) << check.output;
+        }
+    }
+    // The running agent refuses the same: a world-writable module is not loaded.
+    TempDir dir;
+    WriteFile(dir.File("module.so"), ReadFile(TEST_MODULE));
+    ASSERT_EQ(chmod(dir.File("module.so").c_str(), 0777), 0);
+    WriteFile(dir.File("agent.json"), R"({"modules": ["module.so"]})");
+    RunResult run = TestSupport::Run({HOSTAGENT_BIN, "--config", dir.File("agent.json")}, "", Seconds(30));
+    EXPECT_NE(run.code, 0) << run.output;
+    EXPECT_NE(run.output.find(dir.File("module.so") + ": unsafe: "), std::string::npos) << run.output;
 }
 
 }  // namespace
