@@ -27,6 +27,12 @@ struct DumpRequest {
     inet_diag_req_v2 body;
 };
 
+// NLMSG_OK without its comparison of a signed with an unsigned length.
+bool MessageFits(const nlmsghdr* header, int left) {
+    return left >= static_cast<int>(sizeof(nlmsghdr)) && header->nlmsg_len >= sizeof(nlmsghdr) &&
+           header->nlmsg_len <= static_cast<unsigned int>(left);
+}
+
 std::string AddressText(int family, const __be32* words) {
     char text[INET6_ADDRSTRLEN] = {};
     if (inet_ntop(family, words, text, sizeof(text)) == nullptr) {
@@ -96,7 +102,7 @@ bool DumpSockets(int fd, int family, int protocol, unsigned int seq,
             return false;
         }
         int left = static_cast<int>(received);
-        for (auto* header = reinterpret_cast<nlmsghdr*>(buffer.data()); NLMSG_OK(header, left);
+        for (auto* header = reinterpret_cast<nlmsghdr*>(buffer.data()); MessageFits(header, left);
              header = NLMSG_NEXT(header, left)) {
             if (header->nlmsg_seq != seq) {
                 continue;  // a late answer to an earlier request
