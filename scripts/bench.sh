@@ -6,6 +6,8 @@
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# shellcheck source=lab.sh
+source "$ROOT/scripts/lab.sh"
 BUILD=${BUILD:-build}
 [[ $BUILD == /* ]] || BUILD=$ROOT/$BUILD
 AGENT=$BUILD/bin/hostagent
@@ -65,20 +67,9 @@ done
 [[ -x $AGENT && -f $MODULE ]] || die "build first: $AGENT or $MODULE is missing (make build)"
 
 WORK=$(mktemp -d /tmp/hostagent-bench-XXXXXX)
-ip netns add "$MON"
-ip netns add "$LOAD"
-ip link add eth0 netns "$MON" type veth peer name eth0 netns "$LOAD"
-ip -n "$MON" addr add "$MON_ADDR/24" dev eth0
-ip -n "$LOAD" addr add "$LOAD_ADDR/24" dev eth0
-for ns in "$MON" "$LOAD"; do
-  ip -n "$ns" link set lo up
-  ip -n "$ns" link set eth0 up
-done
+lab_up "$MON" "$MON_ADDR" "$LOAD" "$LOAD_ADDR"
 
-jq --arg lib "$MODULE" --arg policy "$POLICY" --arg log "$WORK/hostagent.log" --arg alarms "$WORK/alarms.jsonl" \
-  '.modules = [$lib] | .policies = {"10001": $policy} | .log.file = $log | .log.console = false
-   | .report.sinks = [{"type": "file", "path": $alarms}]' \
-  "$ROOT/config/agent.json" >"$WORK/agent.json"
+lab_agent_config "$ROOT/config/agent.json" "$MODULE" "$POLICY" "$WORK/hostagent.log" "$WORK/alarms.jsonl" >"$WORK/agent.json"
 "$AGENT" --config "$WORK/agent.json" --check-config >/dev/null || die "the agent refused $WORK/agent.json"
 
 CLK_TCK=$(getconf CLK_TCK)
