@@ -118,6 +118,16 @@ std::optional<IP6_RANGE> SimpleRange6(const std::string& piece) {
         first[i] = bytes[i] & mask;
         last[i] = bytes[i] | static_cast<unsigned char>(~mask);
     }
+    // The block's ends are rendered as text and read back; a text with a dotted IPv4 tail (the
+    // IPv4-mapped and -compatible blocks) is not read back as hex digits, a known limit of the
+    // IPv6 list, which nothing in the agent uses.
+    char text[INET6_ADDRSTRLEN];
+    for (const unsigned char* end : {first, last}) {
+        if (n < 128 && inet_ntop(AF_INET6, end, text, sizeof(text)) != nullptr &&
+            std::strchr(text, '.') != nullptr) {
+            return std::nullopt;
+        }
+    }
     return IP6_RANGE{Hex(first), Hex(last)};
 }
 
