@@ -112,6 +112,9 @@ TEST(AgentProcessTest, CheckConfigNamesTheFileAndTheProblem) {
         {R"({"policies": {"90001": "p.json"}})", "[1]", "p.json", "not a JSON object"},
         {R"({"policies": {"90001": "p.json"}})", "DEEP", "p.json", "nested too deeply"},
         {R"({"log": DEEP})", "{}", "agent.json", "nested too deeply"},
+        // A key with a line break cannot forge a line of its own.
+        {"{\"module\nconfiguration OK\": 1}", "{}", "agent.json",
+         "unknown key \"module\\x0aconfiguration OK\""},
         {R"({"modules": ["MODULE"], "policies": {"90001": "p.json"}})", R"({"marker": "ok"})", "",
          "configuration OK"},
     };
@@ -136,6 +139,7 @@ TEST(AgentProcessTest, CheckConfigNamesTheFileAndTheProblem) {
         EXPECT_NE(check.output.find(*c.file ? dir.File(c.file) : ""), std::string::npos) << check.output;
         EXPECT_NE(check.output.find(c.problem), std::string::npos) << check.output;
         EXPECT_NE(check.code, 70) << "an exception escaped: " << check.output;
+        EXPECT_EQ(std::count(check.output.begin(), check.output.end(), '\n'), 1) << check.output;
     }
 }
 
