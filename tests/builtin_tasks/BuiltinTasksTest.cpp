@@ -8,18 +8,24 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
 #include <linux/netlink.h>
+#include <linux/seccomp.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
-#include <sys/resource.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <climits>
+#include <cstddef>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -94,20 +100,37 @@ TEST(NetProcsFullTaskTest, SeesLoopbackListenersAndDropsThemOnceClosed) {
     }
 }
 
+// Runs `work` on a thread of its own on which the kernel refuses every new netlink socket with
+// EMFILE (a seccomp filter, which binds that thread only).
+void WithoutNetlinkSockets(const std::function<void()>& work) {
+    std::thread thread([&] {
+        sock_filter program[] = {
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_socket, 0, 3),
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_NETLINK, 0, 1),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EMFILE),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        };
+        sock_fprog filter{static_cast<unsigned short>(sizeof(program) / sizeof(program[0])), program};
+        ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+        ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
+        ASSERT_LT(socket(AF_NETLINK, SOCK_RAW, NETLINK_SOCK_DIAG), 0);
+        work();
+    });
+    thread.join();
+}
+
 TEST(NetProcsFullTaskTest, ANetlinkSocketThatCannotBeMadeIsReportedOnceAndRecoveredFrom) {
     TestSupport::TestEngine();
     TestSupport::RecordingChannel& logs = TestSupport::CaptureLogs();
     NetProcsFullTask task(60000);
-    rlimit saved{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
-    const int lowestFree = dup(0);  // no descriptor at or above this one may be opened
-    ASSERT_GE(lowestFree, 0);
-    close(lowestFree);
-    rlimit tight = saved;
-    tight.rlim_cur = static_cast<rlim_t>(lowestFree);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
-    const bool refreshed[] = {task.RefreshNow(), task.RefreshNow(), task.RefreshNow()};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    bool refreshed[3] = {true, true, true};
+    WithoutNetlinkSockets([&] {
+        for (bool& result : refreshed) {
+            result = task.RefreshNow();
+        }
+    });
     EXPECT_FALSE(refreshed[0] || refreshed[1] || refreshed[2]);
     EXPECT_EQ(logs.CountContaining("Cannot read the socket tables"), 1u);
     EXPECT_EQ(logs.CountContaining("netlink socket: Too many open files"), 1u);

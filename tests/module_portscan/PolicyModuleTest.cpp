@@ -11,8 +11,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstddef>
+
 #ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/allocator_interface.h>
+// From the sanitizer runtime's allocator interface (GCC installs no header for it).
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #else
 #include <malloc.h>
 #endif
