@@ -10,7 +10,7 @@
 
 namespace FuzzSupport {
 
-void QuietLogs() {
+void QuietLogs(void (*createLoggers)()) {
     // No console and no file: the agent's logging would otherwise write to standard error.
     SDK::LogSettings settings;
     settings.level = "error";
@@ -18,6 +18,9 @@ void QuietLogs() {
     std::string error;
     if (!SDK::LoggerUtils::GetInstance()->Configure(settings, error)) {
         Fail("logging: " + error);
+    }
+    if (createLoggers != nullptr) {
+        createLoggers();
     }
     Poco::Logger::setLevel("", Poco::Message::PRIO_FATAL);
 }

@@ -7,8 +7,9 @@
 namespace FuzzSupport {
 
 // Silences the agent's loggers: the targets judge results, and formatting log lines for millions
-// of inputs would only slow them down.
-void QuietLogs();
+// of inputs would only slow them down. `createLoggers` fetches the loggers a target's code caches
+// (a logger made later would start at the configured level again).
+void QuietLogs(void (*createLoggers)() = nullptr);
 
 // Ends the run with a message naming the wrong result; libFuzzer keeps the input that caused it.
 [[noreturn]] void Fail(const std::string& what);

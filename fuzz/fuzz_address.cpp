@@ -4,6 +4,7 @@
 // bit masks give; an address is in the list exactly when a range holds it.
 #include "FuzzSupport.h"
 #include "IPUtil.h"
+#include "PortScanModule.h"
 
 #include <arpa/inet.h>
 
@@ -209,7 +210,7 @@ void JudgeIPv6(const std::string& text, const uint8_t* probeBytes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    FuzzSupport::QuietLogs();
+    FuzzSupport::QuietLogs([] { Engine::PortScan::GetLoggerPtr(); });
     return 0;
 }
 

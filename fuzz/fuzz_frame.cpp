@@ -2,6 +2,7 @@
 // and on the capture loop's zero-padded 100-byte buffer, judged against a plain reading of the
 // frame layout.
 #include "FuzzSupport.h"
+#include "PortScanModule.h"
 #include "SocketUtil.h"
 
 #include <arpa/inet.h>
@@ -74,7 +75,7 @@ void Judge(char* frame, std::size_t length) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    FuzzSupport::QuietLogs();
+    FuzzSupport::QuietLogs([] { Engine::PortScan::GetLoggerPtr(); });
     return 0;
 }
 

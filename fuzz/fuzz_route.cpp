@@ -2,6 +2,7 @@
 // against a plain walk over the same bytes: which messages count, what their attributes say, and
 // where an interface without a name stops the walk.
 #include "FuzzSupport.h"
+#include "PortScanModule.h"
 #include "SocketUtil.h"
 
 #include <linux/netlink.h>
@@ -86,7 +87,7 @@ std::vector<Engine::RouteTable> Reference(const uint8_t* data, std::size_t size)
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    FuzzSupport::QuietLogs();
+    FuzzSupport::QuietLogs([] { Engine::PortScan::GetLoggerPtr(); });
     if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, g_sockets) != 0) {
         FuzzSupport::Fail("socketpair");
     }

@@ -4,6 +4,7 @@
 // this process (needs CAP_NET_ADMIN; the run moves into an empty network namespace first, so the
 // kernel's answer is a bare end-of-dump). Both are judged against a plain walk over the bytes.
 #include "FuzzSupport.h"
+#include "PortScanModule.h"
 #include "SockDiagDump.h"
 #include "SocketUtil.h"
 
@@ -144,7 +145,7 @@ void JudgeDump(const uint8_t* data, std::size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    FuzzSupport::QuietLogs();
+    FuzzSupport::QuietLogs([] { Engine::PortScan::GetLoggerPtr(); });
     if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, g_pair) != 0) {
         FuzzSupport::Fail("socketpair");
     }
