@@ -75,7 +75,8 @@ void JudgePolicyFile(const std::string& text) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     FuzzSupport::QuietLogs();
-    char folder[] = "/tmp/fuzz_config-XXXXXX";  // private (0700) inside a sticky folder: a safe place
+    // Private (0700) inside a sticky folder, a safe place; in memory, as a file is written per input.
+    char folder[] = "/dev/shm/fuzz_config-XXXXXX";
     if (mkdtemp(folder) == nullptr) {
         FuzzSupport::Fail("mkdtemp");
     }
