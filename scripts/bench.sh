@@ -8,11 +8,7 @@ set -euo pipefail
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # shellcheck source=lab.sh
 source "$ROOT/scripts/lab.sh"
-BUILD=${BUILD:-build}
-[[ $BUILD == /* ]] || BUILD=$ROOT/$BUILD
-AGENT=$BUILD/bin/hostagent
-MODULE=$BUILD/lib/libportscan_module.so
-POLICY=$ROOT/config/policies/portscan.json
+lab_paths "$ROOT"
 
 IDLE_SECONDS=${BENCH_IDLE_SECONDS:-60}
 STREAM_SECONDS=10
@@ -69,7 +65,7 @@ done
 WORK=$(mktemp -d /tmp/hostagent-bench-XXXXXX)
 lab_up "$MON" "$MON_ADDR" "$LOAD" "$LOAD_ADDR"
 
-lab_agent_config "$ROOT/config/agent.json" "$MODULE" "$POLICY" "$WORK/hostagent.log" "$WORK/alarms.jsonl" >"$WORK/agent.json"
+lab_agent_config "$SHIPPED_CONFIG" "$MODULE" "$POLICY" "$WORK/hostagent.log" "$WORK/alarms.jsonl" >"$WORK/agent.json"
 "$AGENT" --config "$WORK/agent.json" --check-config >/dev/null || die "the agent refused $WORK/agent.json"
 
 CLK_TCK=$(getconf CLK_TCK)

@@ -7,12 +7,7 @@ set -euo pipefail
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # shellcheck source=lab.sh
 source "$ROOT/scripts/lab.sh"
-BUILD=${BUILD:-build}
-[[ $BUILD == /* ]] || BUILD=$ROOT/$BUILD
-AGENT=$BUILD/bin/hostagent
-MODULE=$BUILD/lib/libportscan_module.so
-SHIPPED_CONFIG=$ROOT/config/agent.json
-POLICY=$ROOT/config/policies/portscan.json
+lab_paths "$ROOT"
 
 # Private lab addresses on one veth pair; neither namespace has a default route.
 MON=hostagent-demo-mon-$$

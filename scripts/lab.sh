@@ -1,5 +1,16 @@
 # Sourced by demo.sh and bench.sh: the two-namespace lab and the agent's config inside it.
 
+# lab_paths ROOT: BUILD (default build, relative to ROOT), the agent, the module, the shipped
+# config and the shipped policy.
+lab_paths() {
+  BUILD=${BUILD:-build}
+  [[ $BUILD == /* ]] || BUILD=$1/$BUILD
+  AGENT=$BUILD/bin/hostagent
+  MODULE=$BUILD/lib/libportscan_module.so
+  SHIPPED_CONFIG=$1/config/agent.json
+  POLICY=$1/config/policies/portscan.json
+}
+
 # lab_up NS_A ADDR_A NS_B ADDR_B: two network namespaces joined by one veth pair (eth0 on both
 # sides, /24 addresses), loopback up, no default route.
 lab_up() {
