@@ -65,6 +65,9 @@ Files:
   syslog spool         alarms a TCP collector has not taken yet, sent in order once it is back
   log file             folders are created; more than 40 lines a minute from one source line
                        are counted instead of written, and a summary line gives the count
+  config, policy and module files, and every folder above them, must not be writable by any
+  user but root or the agent's own (folders with the sticky bit, like /tmp, excepted): such a
+  file is refused, naming the file or folder and the chmod or chown that fixes it
 
 Packet capture by modules needs root or CAP_NET_RAW.
 )";

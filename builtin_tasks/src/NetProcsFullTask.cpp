@@ -93,9 +93,18 @@ bool NetProcsFullTask::RefreshNow() {
     std::vector<NetProcsMessage::netProcInfo> sockets;
     std::string error;
     if (!ReadSocketTables(sockets, error)) {
-        SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[NetProcs] Cannot read the socket tables, cache kept: %s",
-                     error);
+        if (error != m_refreshProblem) {
+            SDK_ROOT_LOG(
+                Poco::Message::PRIO_ERROR,
+                "[NetProcs] Cannot read the socket tables, cache kept: %s; trying again every %ld ms", error,
+                m_refreshPeriodMs);
+            m_refreshProblem = error;
+        }
         return false;
+    }
+    if (!m_refreshProblem.empty()) {
+        SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[NetProcs] Socket tables readable again");
+        m_refreshProblem.clear();
     }
 
     std::set<unsigned long> inodes;

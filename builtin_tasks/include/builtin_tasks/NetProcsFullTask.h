@@ -60,6 +60,9 @@ private:
     std::mutex m_mutex;
     CacheMap m_cache;
     std::atomic<std::chrono::steady_clock::rep> m_lastRead{0};
+    // Why the last refresh failed ("" after a good one): a lasting fault is logged once, not per
+    // refresh, and its end is logged too. Touched by the refreshing thread only.
+    std::string m_refreshProblem;
 };
 
 }  // namespace Engine
