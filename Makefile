@@ -3,6 +3,9 @@ JOBS      ?= $(shell nproc)
 BUILD     ?= build
 ASAN_BUILD = build-asan
 TSAN_BUILD = build-tsan
+FUZZ_BUILD = build-fuzz
+# Seconds each fuzz target runs in `make fuzz`.
+FUZZ_SECONDS ?= 60
 CONFIG    ?= config/agent.json
 
 # The install layout is a Debian package's (/usr/sbin, /usr/lib/hostagent), also in build folders
@@ -15,7 +18,7 @@ PACKAGE_TARGETS = hostagent portscan_module packaging_docs
 SHELL := /bin/bash
 .SHELLFLAGS := -o pipefail -c
 
-.PHONY: all deps build run check test test-asan test-tsan demo format clean install package
+.PHONY: all deps build run check test test-asan test-tsan fuzz fuzz-build fuzz-smoke bench demo format clean install package
 
 all: build
 
@@ -41,12 +44,12 @@ package: deps
 run: build
 	$(BUILD)/bin/hostagent --config $(CONFIG)
 
-# Every test, then the unit tests again under AddressSanitizer + UndefinedBehaviorSanitizer, then
-# the concurrency stress tests under ThreadSanitizer.
+# Every test, then the unit tests again under AddressSanitizer + UndefinedBehaviorSanitizer, the
+# concurrency stress tests under ThreadSanitizer, and a few seconds of every fuzz target.
 check: build
 	cd $(BUILD) && ctest --output-on-failure --timeout 600 | tee ctest.log
-	$(MAKE) test-asan test-tsan
-	@cat $(BUILD)/ctest.log $(ASAN_BUILD)/ctest.log $(TSAN_BUILD)/ctest.log \
+	$(MAKE) test-asan test-tsan fuzz-smoke
+	@cat $(BUILD)/ctest.log $(ASAN_BUILD)/ctest.log $(TSAN_BUILD)/ctest.log $(FUZZ_BUILD)/ctest.log \
 	  | awk '/tests passed, [0-9]+ tests failed out of/ { failed += $$4; total += $$NF } \
 	         END { printf "check: %d passed, %d failed\n", total - failed, failed }'
 
@@ -62,13 +65,32 @@ test-tsan:
 	cmake --build $(TSAN_BUILD) -j$(JOBS) --target tsan_tests
 	cd $(TSAN_BUILD) && ctest --output-on-failure -L tsan | tee ctest.log
 
+# The fuzz targets (clang, libFuzzer, ASan + UBSan) in their own build folder.
+fuzz-build: deps
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	      -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHOSTAGENT_BUILD_FUZZ=ON -DHOSTAGENT_SANITIZE=address,undefined \
+	      -DHOSTAGENT_BUILD_TESTS=OFF -DHOSTAGENT_BUILD_BENCH=OFF
+	cmake --build $(FUZZ_BUILD) -j$(JOBS) --target fuzz_targets
+
+# Each fuzz target for FUZZ_SECONDS, one after the other; prints each one's executions.
+fuzz: fuzz-build
+	bash scripts/fuzz.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+# A few seconds of each fuzz target over its seeds (ctest label "fuzz").
+fuzz-smoke: fuzz-build
+	cd $(FUZZ_BUILD) && ctest --output-on-failure -L fuzz | tee ctest.log
+
+# CPU, wake-ups, memory and instructions per probe of the agent under load (root; not run by CI).
+bench: build
+	BUILD=$(BUILD) bash scripts/bench.sh
+
 # A two-namespace lab: the agent watches one host while nmap scans it from the other.
 demo: build
 	BUILD=$(BUILD) bash scripts/demo.sh
 
 format:
-	find sdk framework builtin_tasks module_portscan agent tests bench -name '*.cpp' -o -name '*.h' \
+	find sdk framework builtin_tasks module_portscan agent tests bench fuzz -name '*.cpp' -o -name '*.h' \
 	  | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD)

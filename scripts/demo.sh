@@ -5,12 +5,9 @@
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-BUILD=${BUILD:-build}
-[[ $BUILD == /* ]] || BUILD=$ROOT/$BUILD
-AGENT=$BUILD/bin/hostagent
-MODULE=$BUILD/lib/libportscan_module.so
-SHIPPED_CONFIG=$ROOT/config/agent.json
-POLICY=$ROOT/config/policies/portscan.json
+# shellcheck source=lab.sh
+source "$ROOT/scripts/lab.sh"
+lab_paths "$ROOT"
 
 # Private lab addresses on one veth pair; neither namespace has a default route.
 MON=hostagent-demo-mon-$$
@@ -70,22 +67,10 @@ print_alarm() {
 WORK=$(mktemp -d /tmp/hostagent-demo-XXXXXX)
 
 say "Lab: $MON ($MON_ADDR, monitored) <-> $SCAN ($SCAN_ADDR, scanner), no default route"
-ip netns add "$MON"
-ip netns add "$SCAN"
-ip link add eth0 netns "$MON" type veth peer name eth0 netns "$SCAN"
-ip -n "$MON" addr add "$MON_ADDR/24" dev eth0
-ip -n "$SCAN" addr add "$SCAN_ADDR/24" dev eth0
-for ns in "$MON" "$SCAN"; do
-  ip -n "$ns" link set lo up
-  ip -n "$ns" link set eth0 up
-done
+lab_up "$MON" "$MON_ADDR" "$SCAN" "$SCAN_ADDR"
 
 say "Agent configuration: $SHIPPED_CONFIG with paths into $WORK"
-jq --arg lib "$MODULE" --arg policy "$POLICY" --arg log "$WORK/hostagent.log" \
-  --arg alarms "$WORK/alarms.jsonl" \
-  '.modules = [$lib] | .policies = {"10001": $policy} | .log.file = $log | .log.console = false
-   | .report.sinks = [{"type": "file", "path": $alarms}]' \
-  "$SHIPPED_CONFIG" >"$WORK/agent.json"
+lab_agent_config "$SHIPPED_CONFIG" "$MODULE" "$POLICY" "$WORK/hostagent.log" "$WORK/alarms.jsonl" >"$WORK/agent.json"
 "$AGENT" --config "$WORK/agent.json" --check-config >/dev/null || die "the agent refused $WORK/agent.json"
 
 TCP_PORTS=$(jq -r '[.content.port_scan_task.monitor_list[] | select(.type == 0 or .type == 2) | .port]

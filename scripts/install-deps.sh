@@ -12,6 +12,8 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   # end-to-end tests: namespaces, scanners, socket inspection
   iproute2 nmap hping3 netcat-openbsd procps
+  # make fuzz: clang with libFuzzer; make bench: load generator and instruction counts
+  clang libclang-rt-14-dev iperf3 valgrind
   # make demo: edits the agent's configuration and prints alarms
   jq
   # make package and its test: the .deb, its lint, the unit check, rotation, a real syslog collector

@@ -1,6 +1,7 @@
 #include "AgentConfig.h"
 
 #include "AgentTunables.h"
+#include "FileSafety.h"
 #include "JsonText.h"
 #include "PolicyFile.h"
 
@@ -26,6 +27,23 @@ class ConfigProblem : public std::runtime_error {
 public:
     explicit ConfigProblem(const std::string& what) : std::runtime_error(what) {}
 };
+
+// An error is one line of plain text: control characters that come from the config's own strings
+// (a key or path may hold a line break) are written as \xNN, so they cannot start a line of their own.
+std::string Printable(const std::string& text) {
+    static const char* const kHex = "0123456789abcdef";
+    std::string printable;
+    for (unsigned char c : text) {
+        if (c < 0x20 || c == 0x7f) {
+            printable += "\\x";
+            printable += kHex[c >> 4];
+            printable += kHex[c & 0x0f];
+        } else {
+            printable += static_cast<char>(c);
+        }
+    }
+    return printable;
+}
 
 std::string Quoted(const std::string& text) {
     return "\"" + text + "\"";
@@ -242,6 +260,29 @@ void ParseReport(const Json::Value& report, const Resolver& resolve, std::vector
     }
 }
 
+long IntegerIn(const Json::Value& value, const std::string& where, long low, long high) {
+    const std::string range = "an integer " + std::to_string(low) + ".." + std::to_string(high);
+    Expect(value, Json::intValue, where, range.c_str());
+    const long number = value.asInt();
+    if (number < low || number > high) {
+        throw ConfigProblem(Quoted(where) + " must be " + range + ", not " + std::to_string(number));
+    }
+    return number;
+}
+
+void ParseSupervisor(const Json::Value& supervisor, AgentConfig& config) {
+    Expect(supervisor, Json::objectValue, "supervisor", "an object");
+    RejectUnknownKeys(supervisor, "supervisor", {"restart_delay_s", "renew_after_s"});
+    if (supervisor.isMember("restart_delay_s")) {
+        config.restartDelaySeconds = static_cast<int>(
+            IntegerIn(supervisor["restart_delay_s"], "supervisor.restart_delay_s", 1, 86400));
+    }
+    if (supervisor.isMember("renew_after_s")) {
+        config.renewAfterSeconds =
+            IntegerIn(supervisor["renew_after_s"], "supervisor.renew_after_s", 0, 365L * 86400);
+    }
+}
+
 }  // namespace
 
 bool ParseAgentConfig(const std::string& path, const std::string& text, AgentConfig& config,
@@ -260,7 +301,9 @@ bool ParseAgentConfig(const std::string& path, const std::string& text, AgentCon
         if (!root.isObject()) {
             throw ConfigProblem("the config must be a JSON object");
         }
-        RejectUnknownKeys(root, "", {"log", "connect", "cpu_limit_percent", "modules", "policies", "report"});
+        RejectUnknownKeys(root, "",
+                          {"log", "connect", "cpu_limit_percent", "modules", "policies", "report",
+                           "supervisor", "status_file"});
         Resolver resolve(parsed.folder);
         if (root.isMember("log")) {
             ParseLog(root["log"], resolve, parsed.log);
@@ -288,8 +331,18 @@ bool ParseAgentConfig(const std::string& path, const std::string& text, AgentCon
         } else {
             parsed.sinks.push_back(Engine::ReportSink{});
         }
+        if (root.isMember("supervisor")) {
+            ParseSupervisor(root["supervisor"], parsed);
+        }
+        if (root.isMember("status_file")) {
+            parsed.statusFile = resolve(NonEmptyString(root["status_file"], "status_file"));
+        } else {
+            Poco::Path beside(parsed.log.file.empty() ? parsed.file : parsed.log.file);
+            beside.setFileName(kStatusFileName);
+            parsed.statusFile = beside.toString();
+        }
     } catch (const ConfigProblem& problem) {
-        error = parsed.file + ": " + problem.what();
+        error = Printable(parsed.file + ": " + problem.what());
         return false;
     }
     config = parsed;
@@ -297,9 +350,14 @@ bool ParseAgentConfig(const std::string& path, const std::string& text, AgentCon
 }
 
 bool LoadAgentConfig(const std::string& path, AgentConfig& config, std::string& error) {
+    std::string problem;
+    if (!CheckFileSafety(path, problem)) {
+        error = Printable(path + ": " + problem);
+        return false;
+    }
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-        error = path + ": cannot read the config file: " + std::strerror(errno);
+        error = Printable(path + ": cannot read the config file: " + std::strerror(errno));
         return false;
     }
     std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -311,15 +369,20 @@ bool CheckModuleFiles(const AgentConfig& config, std::string& error) {
         try {
             Poco::File file(module);
             if (!file.exists()) {
-                error = config.file + ": module file " + module + " does not exist";
+                error = Printable(config.file + ": module file " + module + " does not exist");
                 return false;
             }
             if (!file.isFile()) {
-                error = config.file + ": module file " + module + " is not a regular file";
+                error = Printable(config.file + ": module file " + module + " is not a regular file");
+                return false;
+            }
+            std::string problem;
+            if (!CheckFileSafety(module, problem)) {
+                error = Printable(module + ": " + problem + " (module named in " + config.file + ")");
                 return false;
             }
         } catch (const Poco::Exception& e) {
-            error = config.file + ": module file " + module + ": " + e.displayText();
+            error = Printable(config.file + ": module file " + module + ": " + e.displayText());
             return false;
         }
     }
@@ -331,8 +394,8 @@ bool CheckPolicyFiles(const AgentConfig& config, std::string& error) {
         std::string text;
         std::string problem;
         if (!ReadPolicyFile(source.path, text, problem) || !CheckPolicyText(text, problem)) {
-            error = source.path + ": " + problem + " (policy file of key " + Quoted(source.key) + " in " +
-                    config.file + ")";
+            error = Printable(source.path + ": " + problem + " (policy file of key " + Quoted(source.key) +
+                              " in " + config.file + ")");
             return false;
         }
     }

@@ -28,6 +28,9 @@ struct PolicySource {
 //                                       | { "type": "syslog", "address": "host:port",
 //                                           "protocol": "udp"|"tcp", "spool": path (tcp),
 //                                           "spool_max_bytes": integer (tcp) }, ... ] }
+//   "supervisor":        { "restart_delay_s": 1..86400 (60), "renew_after_s": 0..31536000 (86400, 0 off) }
+//   "status_file":       path of the status file (default: hostagent.status.json beside the log
+//                        file, or beside the config file when there is no log file)
 // Relative paths start at the config file's folder. Without "report", alarms go to stdout.
 struct AgentConfig {
     std::string file;    // the config file, absolute
@@ -38,6 +41,9 @@ struct AgentConfig {
     std::vector<std::string> modules;
     std::vector<PolicySource> policies;  // in key order
     std::vector<Engine::ReportSink> sinks;
+    int restartDelaySeconds = 60;    // cool-down before a task that stopped by itself starts again
+    long renewAfterSeconds = 86400;  // module tasks start afresh this often; 0: never
+    std::string statusFile;
 };
 
 // Every problem message has the form "<file>: <problem>", naming the offending key.

@@ -2,7 +2,9 @@
 
 #include "AgentTunables.h"
 #include "ControlSignals.h"
+#include "PolicyLint.h"
 #include "Privileges.h"
+#include "StatusFile.h"
 #include "builtin_tasks/DataCommReportTask.h"
 #include "builtin_tasks/NetProcsFullTask.h"
 #include "framework/ConfigManager.h"
@@ -15,8 +17,12 @@
 #include <Poco/Path.h>
 #include <Poco/Util/Application.h>
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <iostream>
 
 namespace HostAgent {
@@ -25,7 +31,20 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+using Millis = std::chrono::milliseconds;
+
+std::string JoinKeys(const std::vector<std::string>& keys) {
+    std::string joined;
+    for (const std::string& key : keys) {
+        joined += (joined.empty() ? "" : ",") + key;
+    }
+    return joined;
+}
+
 long MillisecondsUntil(Clock::time_point when) {
+    if (when == Clock::time_point::max()) {
+        return kStatusIntervalMs;
+    }
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(when - Clock::now()).count();
     return left > 0 ? static_cast<long>(left) : 0;
 }
@@ -33,7 +52,13 @@ long MillisecondsUntil(Clock::time_point when) {
 }  // namespace
 
 AgentRuntime::AgentRuntime(Framework::Engine& engine, const AgentConfig& config)
-    : m_engine(engine), m_config(config), m_modules(engine) {}
+    : m_engine(engine),
+      m_config(config),
+      m_modules(engine),
+      m_supervisor(std::chrono::seconds(config.restartDelaySeconds),
+                   std::chrono::seconds(config.renewAfterSeconds),
+                   std::chrono::seconds(kRestartDelayCapSeconds), std::chrono::seconds(kSteadyRunSeconds)),
+      m_startedAt(std::chrono::system_clock::now()) {}
 
 AgentRuntime::~AgentRuntime() {
     Shutdown();
@@ -44,9 +69,13 @@ int AgentRuntime::Run() {
         return Poco::Util::Application::EXIT_CONFIG;
     }
     SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] hostagent starting with %s", m_config.file);
-    WarnWithoutCaptureCapability();
+    WarnAboutMissingCapabilities();
     Framework::ConfigManager::GetInstance()->SetConnectConfig(m_config.connect);
     SDK::InnerCpuCtrlUtils::SetCpuLimitPercent(m_config.cpuLimitPercent);
+    m_engine.SetTaskObserver([this](const Framework::Engine::TaskEvent& event) {
+        std::lock_guard<std::mutex> lock(m_eventMutex);
+        m_events.push_back(event);
+    });
 
     if (!StartBuiltinTasks() || !StartModules()) {
         Shutdown();
@@ -54,9 +83,11 @@ int AgentRuntime::Run() {
     }
     m_feed.reset(new PolicyFeed(
         m_config.policies, [this](const std::string& key, const std::string& name, const std::string& text) {
-            return m_engine.DeliverPolicy(key, name, text);
+            return DeliverPolicyFile(key, name, text);
         }));
     m_feed->Poll();
+    HandleTaskEvents();
+    WriteStatus();
     SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION,
                  "[Agent] hostagent running: %z module(s), %z policy file(s)", m_modules.GetRunningCount(),
                  m_config.policies.size());
@@ -85,10 +116,10 @@ bool AgentRuntime::ConfigureLogging() {
     return true;
 }
 
-void AgentRuntime::WarnWithoutCaptureCapability() {
-    if (CheckCaptureCapability() == CaptureCapability::Missing) {
-        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
-                     "[Agent] No CAP_NET_RAW: packet capture will fail; run as root or grant CAP_NET_RAW");
+void AgentRuntime::WarnAboutMissingCapabilities() {
+    for (const NeededCapability& cap : MissingCapabilities()) {
+        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING, "[Agent] No %s: %s; run as root or grant %s",
+                     std::string(cap.name), std::string(cap.effect), std::string(cap.name));
     }
 }
 
@@ -124,8 +155,13 @@ bool AgentRuntime::StartModules() {
 void AgentRuntime::ServeUntilStopped() {
     auto nextPoll = Clock::now() + std::chrono::milliseconds(kPolicyPollIntervalMs);
     auto nextReclaim = Clock::now() + std::chrono::milliseconds(kReclaimIntervalMs);
+    auto nextStatus = Clock::now() + std::chrono::milliseconds(kStatusIntervalMs);
     for (;;) {
-        int signal = WaitForControlSignal(MillisecondsUntil(std::min(nextPoll, nextReclaim)));
+        // Task events are taken at the next wake-up (at most a poll interval later), which is soon
+        // enough for restarts planned in seconds.
+        const Clock::time_point wake =
+            std::min({nextPoll, nextReclaim, nextStatus, m_supervisor.NextDeadline()});
+        int signal = WaitForControlSignal(MillisecondsUntil(wake));
         if (signal == SIGINT || signal == SIGTERM) {
             SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] Signal %d received, shutting down",
                          signal);
@@ -147,6 +183,170 @@ void AgentRuntime::ServeUntilStopped() {
             m_engine.ReclaimPolicies();
             nextReclaim = Clock::now() + std::chrono::milliseconds(kReclaimIntervalMs);
         }
+        HandleTaskEvents();
+        RestartDueTasks();
+        RenewDueTasks();
+        HandleTaskEvents();
+        SDK::LoggerUtils::GetInstance()->FlushSuppressedLines(false);
+        if (m_statusDue || Clock::now() >= nextStatus) {
+            WriteStatus();
+            nextStatus = Clock::now() + std::chrono::milliseconds(kStatusIntervalMs);
+        }
+    }
+}
+
+bool AgentRuntime::DeliverPolicyFile(const std::string& key, const std::string& name,
+                                     const std::string& text) {
+    std::string path = name;
+    for (const PolicySource& source : m_config.policies) {
+        path = source.key == key ? source.path : path;
+    }
+    auto known = m_deliveries.find(key);
+    std::size_t warnings = 0;
+    if (known != m_deliveries.end() && known->second.text == text) {
+        warnings = known->second.warnings;  // said once for this text already
+    } else {
+        const std::vector<std::string> findings = LintPolicy(path, text, CountLocalIpv4Addresses());
+        for (const std::string& finding : findings) {
+            SDK_ROOT_LOG(Poco::Message::PRIO_WARNING, "[Policy] %s", finding);
+        }
+        warnings = findings.size();
+    }
+    const bool delivered = m_engine.DeliverPolicy(key, name, text);
+    if (delivered) {
+        m_deliveries[key] = Delivery{path, name, text, std::chrono::system_clock::now(), warnings};
+        m_statusDue = true;
+    }
+    return delivered;
+}
+
+void AgentRuntime::Redeliver(const std::vector<std::string>& keys) {
+    for (const std::string& key : keys) {
+        auto it = m_deliveries.find(key);
+        if (it == m_deliveries.end()) {
+            continue;
+        }
+        const Delivery delivery = it->second;
+        if (!DeliverPolicyFile(key, delivery.name, delivery.text)) {
+            SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Agent] Delivering policy key %s again failed", key);
+        }
+    }
+}
+
+void AgentRuntime::HandleTaskEvents() {
+    std::vector<Framework::Engine::TaskEvent> events;
+    {
+        std::lock_guard<std::mutex> lock(m_eventMutex);
+        events.swap(m_events);
+    }
+    for (const Framework::Engine::TaskEvent& event : events) {
+        m_statusDue = true;
+        if (event.kind == Framework::Engine::TaskEvent::Kind::Started) {
+            m_supervisor.OnStarted(event, Clock::now());
+            continue;
+        }
+        const std::chrono::seconds delay = m_supervisor.OnStopped(event, Clock::now());
+        if (delay.count() > 0) {
+            SDK_ROOT_LOG(
+                Poco::Message::PRIO_WARNING,
+                "[Agent] Task %s of module %s stopped by itself after %ld s; it starts again in %ld s",
+                event.task, event.module, static_cast<long>(event.runSeconds),
+                static_cast<long>(delay.count()));
+        }
+    }
+}
+
+void AgentRuntime::RestartDueTasks() {
+    for (const Supervisor::TaskRecord& task : m_supervisor.TakeDueRestarts(Clock::now())) {
+        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
+                     "[Agent] Restarting task %s (restart %d): delivering policy key(s) %s again", task.name,
+                     task.restarts, JoinKeys(task.keys));
+        // The module starts its task again only when none of that name is registered.
+        m_engine.UnRegisterTask(task.name);
+        Redeliver(task.keys);
+        m_statusDue = true;
+    }
+}
+
+void AgentRuntime::RenewDueTasks() {
+    const Clock::time_point now = Clock::now();
+    std::vector<std::string> due = m_supervisor.DueRenewals(now);
+    if (due.empty()) {
+        return;
+    }
+    // Renew right after the modules' minute work, when no alarm is waiting in a task.
+    const Clock::time_point lastWork = m_netProcsTask->GetLastReadTime();
+    const Millis since = std::chrono::duration_cast<Millis>(now - lastWork);
+    const bool idle = lastWork.time_since_epoch().count() == 0 || since >= Millis(kNoMinuteWorkMs);
+    if (!idle && (since < Millis(kRenewAfterWorkMinMs) || since > Millis(kRenewAfterWorkMaxMs))) {
+        Clock::time_point until = now + Millis(kLateMinuteWorkRetryMs);  // late work: look again soon
+        if (since < Millis(kRenewAfterWorkMinMs)) {
+            until = lastWork + Millis(kRenewAfterWorkMinMs);
+        } else if (since < Millis(kMinuteWorkPeriodMs)) {
+            until = lastWork + Millis(kMinuteWorkPeriodMs) + Millis(kRenewAfterWorkMinMs);
+        }
+        for (const std::string& task : due) {
+            m_supervisor.PostponeRenewal(task, until);
+        }
+        return;
+    }
+    for (const std::string& name : due) {
+        const auto found = m_supervisor.GetTasks().find(name);
+        const std::vector<std::string> keys = found->second.keys;
+        SDK_ROOT_LOG(
+            Poco::Message::PRIO_INFORMATION,
+            "[Agent] Renewing task %s (every %ld s): unregistering it and delivering policy key(s) %s again",
+            name, m_config.renewAfterSeconds, JoinKeys(keys));
+        m_supervisor.MarkRenewing(name);
+        m_engine.UnRegisterTask(name);
+        HandleTaskEvents();
+        Redeliver(keys);
+    }
+}
+
+void AgentRuntime::WriteStatus() {
+    m_statusDue = false;
+    Json::Value status(Json::objectValue);
+    status["pid"] = static_cast<Json::Int>(getpid());
+    status["version"] = HOSTAGENT_VERSION;
+    status["started"] = UtcText(m_startedAt);
+    status["updated"] = UtcText(std::chrono::system_clock::now());
+    status["tasks"] = Json::Value(Json::arrayValue);
+    for (const auto& [name, task] : m_supervisor.GetTasks()) {
+        Json::Value entry;
+        entry["name"] = name;
+        entry["module"] = task.module;
+        entry["state"] = Supervisor::StateName(task.state);
+        entry["restarts"] = task.restarts;
+        entry["last_start"] = UtcText(task.lastStart);
+        entry["last_stop"] = UtcText(task.lastStop);
+        entry["stop_reason"] = task.stopReason;
+        status["tasks"].append(entry);
+    }
+    status["policies"] = Json::Value(Json::arrayValue);
+    for (const auto& [key, delivery] : m_deliveries) {
+        Json::Value entry;
+        entry["key"] = key;
+        entry["file"] = delivery.path;
+        entry["delivered"] = UtcText(delivery.when);
+        entry["warnings"] = static_cast<Json::UInt64>(delivery.warnings);
+        status["policies"].append(entry);
+    }
+    // Every alarm goes to every sink; a sink that failed a write says so in the log.
+    status["alarms_reported"] = Json::Value(Json::objectValue);
+    const Json::UInt64 reported = m_reportTask != nullptr ? m_reportTask->GetReportedCount() : 0;
+    for (const Engine::ReportSink& sink : m_config.sinks) {
+        status["alarms_reported"][sink.kind == Engine::ReportSink::Kind::Stdout ? "stdout" : sink.path] =
+            reported;
+    }
+    std::string error;
+    if (!WriteStatusFile(m_config.statusFile, status, error)) {
+        if (error != m_statusProblem) {
+            SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Agent] Status file not written: %s", error);
+        }
+        m_statusProblem = error;
+    } else {
+        m_statusProblem.clear();
     }
 }
 
@@ -167,6 +367,11 @@ void AgentRuntime::Shutdown() {
         m_feed->Stop();
     }
     m_modules.StopAll();
+    m_engine.SetTaskObserver(nullptr);
+    {
+        std::lock_guard<std::mutex> lock(m_eventMutex);
+        m_events.clear();
+    }
     // The report task goes last: it drains what the modules sent while they stopped.
     if (m_netProcsTask != nullptr) {
         if (m_netProcsRegistered) {
@@ -185,6 +390,10 @@ void AgentRuntime::Shutdown() {
         m_reportTask = nullptr;
     }
     m_modules.CloseLibraries();
+    SDK::LoggerUtils::GetInstance()->FlushSuppressedLines(true);
+    if (!m_config.statusFile.empty()) {
+        std::remove((m_config.statusFile).c_str());  // no agent runs: --status says so
+    }
 }
 
 void AgentRuntime::Fail(const std::string& message) {

@@ -3,9 +3,15 @@
 #include "AgentConfig.h"
 #include "ModuleHost.h"
 #include "PolicyFeed.h"
+#include "Supervisor.h"
+#include "framework/Engine.h"
 
+#include <chrono>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 namespace Framework {
 class Engine;
@@ -36,13 +42,33 @@ public:
 
 private:
     bool ConfigureLogging();
-    void WarnWithoutCaptureCapability();
+    void WarnAboutMissingCapabilities();
     bool StartBuiltinTasks();
     bool StartModules();
     void ServeUntilStopped();
     void ReopenFiles();
     void Shutdown();
     void Fail(const std::string& message);
+
+    // The one way a policy text reaches the modules: lint findings are logged, the delivery is
+    // recorded for the status file and for later re-deliveries.
+    bool DeliverPolicyFile(const std::string& key, const std::string& name, const std::string& text);
+    // Delivers again the last text of every key in `keys`.
+    void Redeliver(const std::vector<std::string>& keys);
+    // Supervision, on the control loop: task events taken from the queue, then due restarts and
+    // renewals.
+    void HandleTaskEvents();
+    void RestartDueTasks();
+    void RenewDueTasks();
+    void WriteStatus();
+
+    struct Delivery {
+        std::string path;
+        std::string name;
+        std::string text;
+        std::chrono::system_clock::time_point when;
+        std::size_t warnings = 0;
+    };
 
     Framework::Engine& m_engine;
     AgentConfig m_config;
@@ -53,6 +79,14 @@ private:
     Engine::NetProcsFullTask* m_netProcsTask = nullptr;
     bool m_reportRegistered = false;
     bool m_netProcsRegistered = false;
+
+    Supervisor m_supervisor;
+    std::mutex m_eventMutex;  // task events arrive on task threads
+    std::vector<Framework::Engine::TaskEvent> m_events;
+    std::map<std::string, Delivery> m_deliveries;  // by feature key
+    std::chrono::system_clock::time_point m_startedAt;
+    bool m_statusDue = true;
+    std::string m_statusProblem;  // last status write failure, logged once
 };
 
 }  // namespace HostAgent

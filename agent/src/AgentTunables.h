@@ -28,4 +28,31 @@ constexpr const char* kSyslogSocket = "/dev/log";
 constexpr long long kMinSpoolBytes = 64 * 1024;
 constexpr long long kMaxSpoolBytes = 1024LL * 1024 * 1024;
 
+// Without "status_file" the status goes beside the log file under this name.
+constexpr const char* kStatusFileName = "hostagent.status.json";
+
+// Where `hostagent --status` looks for the config when none is named: the installed agent's.
+constexpr const char* kDefaultConfigFile = "/etc/hostagent/agent.json";
+
+// The status file is rewritten at least this often (and at every task start and stop), so a
+// reader can tell a live agent from a stale file.
+constexpr long kStatusIntervalMs = 60000;
+
+// Restart back-off: each quick stop doubles the delay up to this cap (or the configured delay when
+// that is longer); a task that ran this long without stopping starts from the configured delay again.
+constexpr long kRestartDelayCapSeconds = 3600;
+constexpr long kSteadyRunSeconds = 3600;
+
+// A renewal waits for the module's minute work (it reads the socket cache then, and reports the
+// alarms of the past minute): renewing right after it drops at most the alarms of those few
+// seconds instead of up to a minute of them. The work counts as just done when the cache was read
+// between these two bounds ago; the next is expected this long after the last (the module's minute
+// plus its one-second loop); work that is late is looked for again this often.
+constexpr long kRenewAfterWorkMinMs = 200;
+constexpr long kRenewAfterWorkMaxMs = 3000;
+constexpr long kMinuteWorkPeriodMs = 62000;
+constexpr long kLateMinuteWorkRetryMs = 1000;
+// A module that has not read the cache for this long does no minute work: renew at once.
+constexpr long kNoMinuteWorkMs = 180000;
+
 }  // namespace HostAgent

@@ -2,6 +2,10 @@
 
 #include "AgentConfig.h"
 #include "AgentRuntime.h"
+#include "AgentTunables.h"
+#include "PolicyFile.h"
+#include "PolicyLint.h"
+#include "StatusFile.h"
 
 #include <Poco/Util/HelpFormatter.h>
 #include <Poco/Util/Option.h>
@@ -37,6 +41,12 @@ paths start at the config file's folder):
                        where alarm events go, one JSON document per line (default: stdout);
                        syslog sinks send RFC 5424 messages (APP-NAME hostagent, MSGID the
                        alarm's "event_classid", MSG the document), over TCP octet-counted
+  "supervisor"         {"restart_delay_s": 1..86400 (60), "renew_after_s": 0..31536000 (86400)}
+                       a module task that stops by itself starts again after restart_delay_s
+                       (doubling on quick repeats, up to an hour); every renew_after_s each module
+                       task starts afresh (0: never)
+  "status_file"        status of the running agent, JSON (default: hostagent.status.json beside
+                       the log file); read it with --status
 
 Signals:
   SIGHUP               deliver every policy file again
@@ -53,7 +63,11 @@ Files:
                        that is moved or removed is created again; writes that fail (disk full)
                        are retried every second, the alarms kept meanwhile
   syslog spool         alarms a TCP collector has not taken yet, sent in order once it is back
-  log file             folders are created
+  log file             folders are created; more than 40 lines a minute from one source line
+                       are counted instead of written, and a summary line gives the count
+  config, policy and module files, and every folder above them, must not be writable by any
+  user but root or the agent's own (folders with the sticky bit, like /tmp, excepted): such a
+  file is refused, naming the file or folder and the chmod or chown that fixes it
 
 Packet capture by modules needs root or CAP_NET_RAW.
 )";
@@ -110,6 +124,13 @@ void HostAgentApp::defineOptions(Poco::Util::OptionSet& options) {
                                          "and exit non-zero.")
                           .required(false)
                           .repeatable(false));
+    options.addOption(Poco::Util::Option("status", "",
+                                         "Print the running agent's status (of the config FILE, default " +
+                                             std::string(kDefaultConfigFile) +
+                                             ") and exit 0 when every task runs, 1 when one does not, 3 "
+                                             "when no agent runs.")
+                          .required(false)
+                          .repeatable(false));
     options.addOption(
         Poco::Util::Option("pid-file", "", "Write the agent's process id to FILE while it runs.")
             .required(false)
@@ -135,6 +156,8 @@ void HostAgentApp::handleOption(const std::string& name, const std::string& valu
         m_configPath = value;
     } else if (name == "check-config") {
         m_checkOnly = true;
+    } else if (name == "status") {
+        m_status = true;
     }
 }
 
@@ -144,7 +167,7 @@ std::string HostAgentApp::HelpText() {
     formatter.setUnixStyle(true);
     formatter.setWidth(100);
     formatter.setCommand("hostagent");
-    formatter.setUsage("--config FILE [--check-config] [--pid-file FILE] | --version | --help");
+    formatter.setUsage("--config FILE [--check-config] [--pid-file FILE] | --status [--config FILE] | --version | --help");
     formatter.setHeader(
         "Host security agent: loads detection modules, feeds them their policies and "
         "reports their alarm events.");
@@ -166,6 +189,15 @@ int HostAgentApp::main(const std::vector<std::string>& args) {
         std::cerr << "hostagent: unexpected argument \"" << args.front() << "\" (see hostagent --help)\n";
         return EXIT_USAGE;
     }
+    if (m_status) {
+        AgentConfig config;
+        std::string error;
+        if (!LoadAgentConfig(m_configPath.empty() ? kDefaultConfigFile : m_configPath, config, error)) {
+            std::cerr << "hostagent: " << error << "\n";
+            return kStatusNoAgent;
+        }
+        return PrintStatus(config.statusFile, std::cout, std::cerr);
+    }
     if (m_configPath.empty()) {
         std::cerr << "hostagent: --config FILE is required (see hostagent --help)\n";
         return EXIT_USAGE;
@@ -178,6 +210,17 @@ int HostAgentApp::main(const std::vector<std::string>& args) {
         return EXIT_CONFIG;
     }
     if (m_checkOnly) {
+        // Findings do not fail the check: the module runs such policies, only less well.
+        const int addresses = CountLocalIpv4Addresses();
+        for (const PolicySource& source : config.policies) {
+            std::string text;
+            std::string problem;
+            if (ReadPolicyFile(source.path, text, problem)) {
+                for (const std::string& finding : LintPolicy(source.path, text, addresses)) {
+                    std::cout << finding << "\n";
+                }
+            }
+        }
         std::cout << "configuration OK\n";
         return EXIT_OK;
     }

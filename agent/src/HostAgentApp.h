@@ -27,6 +27,7 @@ private:
     bool m_checkOnly = false;
     bool m_version = false;
     std::string m_pidFile;
+    bool m_status = false;
     std::string m_configPath;
 };
 

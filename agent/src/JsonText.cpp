@@ -1,5 +1,6 @@
 #include "JsonText.h"
 
+#include <exception>
 #include <memory>
 
 namespace HostAgent {
@@ -33,8 +34,14 @@ bool ParseJsonText(const std::string& text, bool strict, Json::Value& root, std:
     }
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     std::string errors;
-    if (reader->parse(text.data(), text.data() + text.size(), &root, &errors)) {
-        return true;
+    try {
+        if (reader->parse(text.data(), text.data() + text.size(), &root, &errors)) {
+            return true;
+        }
+    } catch (const std::exception& e) {
+        // JsonCpp throws instead of reporting when the nesting passes its stack limit (1000).
+        error = std::string("nested too deeply (") + e.what() + ")";
+        return false;
     }
     error = OneLine(errors);
     if (error.empty()) {

@@ -1,5 +1,6 @@
 #include "ModuleHost.h"
 
+#include "FileSafety.h"
 #include "framework/Engine.h"
 #include "framework/Module.h"
 #include "sdk/LogStatement.h"
@@ -31,6 +32,12 @@ ModuleHost::~ModuleHost() {
 }
 
 bool ModuleHost::Load(const std::string& path, std::string& error) {
+    // Checked again right before loading: the library runs with the agent's rights.
+    std::string problem;
+    if (!CheckFileSafety(path, problem)) {
+        error = "cannot load module " + path + ": " + problem;
+        return false;
+    }
     dlerror();
     void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {

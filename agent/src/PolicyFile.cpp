@@ -1,6 +1,7 @@
 #include "PolicyFile.h"
 
 #include "AgentTunables.h"
+#include "FileSafety.h"
 #include "JsonText.h"
 #include "sdk/JsonUtils.h"
 
@@ -24,6 +25,9 @@ bool ReadPolicyFile(const std::string& path, std::string& text, std::string& err
     }
     if (static_cast<std::size_t>(info.st_size) > kMaxPolicyFileBytes) {
         error = "larger than " + std::to_string(kMaxPolicyFileBytes) + " bytes";
+        return false;
+    }
+    if (!CheckFileSafety(path, error)) {
         return false;
     }
     std::ifstream in(path, std::ios::binary);

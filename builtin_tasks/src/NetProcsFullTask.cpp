@@ -79,17 +79,32 @@ NetProcsFullTask::NetProcsFullTask(long refreshPeriodMs)
 NetProcsFullTask::~NetProcsFullTask() = default;
 
 void NetProcsFullTask::GetNetCacheMap(CacheMap& out) {
+    m_lastRead.store(std::chrono::steady_clock::now().time_since_epoch().count(), std::memory_order_relaxed);
     std::lock_guard<std::mutex> lock(m_mutex);
     out = m_cache;
+}
+
+std::chrono::steady_clock::time_point NetProcsFullTask::GetLastReadTime() const {
+    return std::chrono::steady_clock::time_point(
+        std::chrono::steady_clock::duration(m_lastRead.load(std::memory_order_relaxed)));
 }
 
 bool NetProcsFullTask::RefreshNow() {
     std::vector<NetProcsMessage::netProcInfo> sockets;
     std::string error;
     if (!ReadSocketTables(sockets, error)) {
-        SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[NetProcs] Cannot read the socket tables, cache kept: %s",
-                     error);
+        if (error != m_refreshProblem) {
+            SDK_ROOT_LOG(
+                Poco::Message::PRIO_ERROR,
+                "[NetProcs] Cannot read the socket tables, cache kept: %s; trying again every %ld ms", error,
+                m_refreshPeriodMs);
+            m_refreshProblem = error;
+        }
         return false;
+    }
+    if (!m_refreshProblem.empty()) {
+        SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[NetProcs] Socket tables readable again");
+        m_refreshProblem.clear();
     }
 
     std::set<unsigned long> inodes;

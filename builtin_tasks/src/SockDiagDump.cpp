@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 namespace Engine {
 namespace SockDiag {
@@ -18,10 +19,19 @@ namespace {
 // Large enough for any dump message the kernel builds (it sizes them to at most 32 KiB).
 constexpr std::size_t kRecvBufferSize = 64 * 1024;
 
+// The kernel's errno values stay below 4096 (MAX_ERRNO).
+constexpr int kMaxErrno = 4095;
+
 struct DumpRequest {
     nlmsghdr header;
     inet_diag_req_v2 body;
 };
+
+// NLMSG_OK without its comparison of a signed with an unsigned length.
+bool MessageFits(const nlmsghdr* header, int left) {
+    return left >= static_cast<int>(sizeof(nlmsghdr)) && header->nlmsg_len >= sizeof(nlmsghdr) &&
+           header->nlmsg_len <= static_cast<unsigned int>(left);
+}
 
 std::string AddressText(int family, const __be32* words) {
     char text[INET6_ADDRSTRLEN] = {};
@@ -92,7 +102,7 @@ bool DumpSockets(int fd, int family, int protocol, unsigned int seq,
             return false;
         }
         int left = static_cast<int>(received);
-        for (auto* header = reinterpret_cast<nlmsghdr*>(buffer.data()); NLMSG_OK(header, left);
+        for (auto* header = reinterpret_cast<nlmsghdr*>(buffer.data()); MessageFits(header, left);
              header = NLMSG_NEXT(header, left)) {
             if (header->nlmsg_seq != seq) {
                 continue;  // a late answer to an earlier request
@@ -105,9 +115,16 @@ bool DumpSockets(int fd, int family, int protocol, unsigned int seq,
                     error = "truncated netlink error message";
                     return false;
                 }
-                const auto* nlError = static_cast<const nlmsgerr*>(NLMSG_DATA(header));
-                unsupported = nlError->error == -ENOENT;
-                error = std::string("kernel: ") + std::strerror(-nlError->error);
+                nlmsgerr nlError;
+                std::memcpy(&nlError, NLMSG_DATA(header), sizeof(nlError));
+                // The kernel sends a negative errno; anything else (INT_MIN cannot even be negated)
+                // is a malformed reply, named by its number.
+                if (nlError.error >= 0 || nlError.error < -kMaxErrno) {
+                    error = "kernel: malformed error reply (code " + std::to_string(nlError.error) + ")";
+                    return false;
+                }
+                unsupported = nlError.error == -ENOENT;
+                error = std::string("kernel: ") + std::strerror(-nlError.error);
                 return false;
             }
             if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY ||

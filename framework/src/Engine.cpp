@@ -1,6 +1,7 @@
 #include "framework/Engine.h"
 
 #include <Poco/Exception.h>
+#include <sys/prctl.h>
 
 #include <algorithm>
 #include <chrono>
@@ -75,6 +76,33 @@ struct Engine::State {
     Policy* dispatchRoot = nullptr;  // top-level policy being dispatched by dispatchThread
     std::thread::id dispatchThread;
 
+    // Told of task starts and stops; on its own lock so that it runs with no registry lock held.
+    std::mutex observerMutex;
+    Engine::TaskObserver observer;
+
+    void Notify(Engine::TaskEvent::Kind kind, const TaskRunner& runner, double runSeconds, bool byItself) {
+        std::lock_guard<std::mutex> lock(observerMutex);
+        if (!observer) {
+            return;
+        }
+        Engine::TaskEvent event;
+        event.kind = kind;
+        event.task = runner.m_task->name();
+        if (runner.m_module != nullptr) {
+            event.module = runner.m_module->name();
+            event.keys = runner.m_module->GetPolicyKeys();
+        }
+        event.runSeconds = runSeconds;
+        event.byItself = byItself;
+        event.result = byItself ? TaskRunner::GetRunResult(runner.m_task) : 0;
+        try {
+            observer(event);
+        } catch (const std::exception& e) {
+            SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Framework] Task observer failed: %s",
+                         std::string(e.what()));
+        }
+    }
+
     // Joins threads of tasks that took themselves down (never the calling thread itself).
     void ReapZombies() {
         const std::thread::id self = std::this_thread::get_id();
@@ -106,11 +134,16 @@ struct Engine::State {
         }
         // Run() is called even when the task was taken down before it started: it then finds itself
         // cancelled at once, and a consumer still drains the messages it accepted.
+        // The kernel keeps 15 characters of a thread name; top -H and ps -L show it.
+        const std::string threadName = runner->m_task->name().substr(0, 15);
+        prctl(PR_SET_NAME, threadName.c_str(), 0, 0, 0);
         {
             std::lock_guard<std::mutex> lock(registryMutex);
             runner->m_running = true;
+            runner->m_runStart = std::chrono::steady_clock::now();
             TaskRunner::MarkStart(runner->m_task);
         }
+        Notify(Engine::TaskEvent::Kind::Started, *runner, 0, false);
         runner->m_task->run();
         bool mine = false;
         bool selfExit = false;
@@ -139,6 +172,8 @@ struct Engine::State {
     void TearDown(TaskRunner* runner) {
         Task* task = runner->m_task;
         const std::string name = task->name();
+        double runSeconds = 0;
+        bool byItself = false;
         TaskRunner::CloseQueue(task);
         try {
             if (!task->UnInit()) {
@@ -154,6 +189,12 @@ struct Engine::State {
             // An unregistered task holds no policy: what it pointed to may be freed from now on.
             task->SetTaskPolicy(nullptr);
             task->SetFeaturePolicy(nullptr);
+            if (runner->m_running) {
+                runSeconds =
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - runner->m_runStart)
+                        .count();
+            }
+            byItself = runner->m_exiting && !runner->m_selfStop;
             runner->m_running = false;
             auto it = tasks.find(name);
             if (it != tasks.end() && it->second.get() == runner) {
@@ -165,6 +206,7 @@ struct Engine::State {
             registryChanged.notify_all();
         }
         SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Framework] Task (%s) unregistered", name);
+        Notify(Engine::TaskEvent::Kind::Stopped, *runner, runSeconds, byItself);
         if (runner->m_adopt) {
             task->release();
         }
@@ -455,6 +497,11 @@ void Engine::UnRegisterAllTasks() {
         m_state->UnRegister(entry.second);
     }
     m_state->ReapZombies();
+}
+
+void Engine::SetTaskObserver(TaskObserver observer) {
+    std::lock_guard<std::mutex> lock(m_state->observerMutex);
+    m_state->observer = std::move(observer);
 }
 
 void Engine::AddModule(Module* module) {

@@ -149,6 +149,15 @@ bool Module::HasPolicyCallback(const std::string& key) const {
     return m_callbacks.find(key) != m_callbacks.end();
 }
 
+std::vector<std::string> Module::GetPolicyKeys() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<std::string> keys;
+    for (const auto& entry : m_callbacks) {
+        keys.push_back(entry.first);
+    }
+    return keys;
+}
+
 bool Module::RegisterTask(Task* task, bool adopt) {
     Engine* engine = Engine::Instance();
     if (engine == nullptr) {

@@ -3,6 +3,7 @@
 // One registration of a task with the Engine: its thread and where it stands in its life.
 // Internal to the runtime.
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -41,6 +42,7 @@ public:
     std::thread::id m_owner;     // the thread doing the teardown
     int m_pins = 0;              // senders inside the task's EnqueueMsg right now
     std::set<Policy*> m_handed;  // top-level policies whose objects this task was given
+    std::chrono::steady_clock::time_point m_runStart;  // when Run() began (set once m_running)
 
     bool IsGoing() const { return m_stopping || m_exiting || m_selfStop; }
 

@@ -5,6 +5,7 @@
 
 #include <json/json.h>
 
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -28,20 +29,29 @@ const uint32_t kProtocolUdp = 1;
 // A monitor entry of this type stands for both protocols.
 const int kProtocolBoth = 2;
 
-// A task policy that failed to parse is given up without being destroyed: nothing may use it,
-// and it may be half filled. It is parked here rather than dropped on the floor so that it stays
-// reachable and is freed at exit instead of showing up as a leak.
+// A task policy that failed to parse is given up without being destroyed at once: nothing may use
+// it, and it may be half filled. It is parked here rather than dropped on the floor; only the
+// newest few are kept, so a policy that keeps failing does not grow the process without end.
+// Nothing holds a parked policy, so the oldest one is freed when the list is full.
 class AbandonedTaskPolicies {
 public:
     static void Keep(std::unique_ptr<PortScanTaskPolicy> policy) {
         static AbandonedTaskPolicies store;
+        std::unique_ptr<PortScanTaskPolicy> oldest;  // freed outside the lock
         std::lock_guard<std::mutex> lock(store.m_mutex);
+        if (store.m_policies.size() >= kMaxAbandonedTaskPolicies) {
+            oldest = std::move(store.m_policies.front());
+            store.m_policies.pop_front();
+        }
         store.m_policies.push_back(std::move(policy));
     }
 
 private:
+    // A few failed deliveries in a row are kept; beyond that each costs memory for nothing.
+    static constexpr std::size_t kMaxAbandonedTaskPolicies = 8;
+
     std::mutex m_mutex;
-    std::vector<std::unique_ptr<PortScanTaskPolicy>> m_policies;
+    std::deque<std::unique_ptr<PortScanTaskPolicy>> m_policies;
 };
 
 // True when the entry's "type" is the JSON integer 2 (a real 2.0 or the text "2" is not).

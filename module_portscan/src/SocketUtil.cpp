@@ -40,6 +40,9 @@ constexpr size_t kNetlinkBufferSize = 8192;
 
 // Frame offsets (Ethernet header included).
 constexpr size_t kIhlOffset = 14;
+// Bytes read behind the start of the transport header: both ports, and for TCP up to its flag byte.
+constexpr size_t kPortBytes = 4;
+constexpr size_t kTcpBytesRead = 14;
 constexpr size_t kProtocolOffset = 23;
 constexpr size_t kSourceOffset = 26;
 constexpr size_t kDestinationOffset = 30;
@@ -200,11 +203,18 @@ bool SocketUtil::ParsePacket(char* frame, unsigned long length, PacketNode* node
         return false;
     }
 
-    memcpy(&node->localAddress, frame + kDestinationOffset, sizeof(node->localAddress));
-    memcpy(&node->remoteAddress, frame + kSourceOffset, sizeof(node->remoteAddress));
-
     const unsigned char protocol = static_cast<unsigned char>(frame[kProtocolOffset]);
     const size_t transport = kIhlOffset + 4 * (static_cast<unsigned char>(frame[kIhlOffset]) & 0x0f);
+    // IP options can push the transport header past a short frame: refuse it rather than read
+    // beyond `length` (the capture loop's 100-byte buffer always holds the furthest read, at 88).
+    const size_t transportBytesRead = protocol == IPPROTO_TCP ? kTcpBytesRead : kPortBytes;
+    if ((protocol == IPPROTO_TCP || protocol == IPPROTO_UDP) && transport + transportBytesRead > length) {
+        PORTSCAN_ROOT_LOG(Poco::Message::PRIO_DEBUG, "[SocketUtil] Incomplete header, packet corrupt.");
+        return false;
+    }
+
+    memcpy(&node->localAddress, frame + kDestinationOffset, sizeof(node->localAddress));
+    memcpy(&node->remoteAddress, frame + kSourceOffset, sizeof(node->remoteAddress));
     if (protocol == IPPROTO_TCP) {
         node->localPort = ReadPort(frame + transport + 2);
         node->remotePort = ReadPort(frame + transport);
@@ -212,7 +222,7 @@ bool SocketUtil::ParsePacket(char* frame, unsigned long length, PacketNode* node
         // Copy the 14 header bytes the flag text needs: the frame gives no alignment for tcphdr.
         tcphdr header;
         memset_s(&header, sizeof(header), 0, sizeof(header));
-        memcpy(&header, frame + transport, 14);
+        memcpy(&header, frame + transport, kTcpBytesRead);
         node->flag = GetTcpFlag(&header);
     } else if (protocol == IPPROTO_UDP) {
         node->localPort = ReadPort(frame + transport + 2);

@@ -17,8 +17,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <chrono>
 #include <map>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace SDK {
@@ -36,6 +38,123 @@ const char* const kPatternWithoutSource = "%L%Y-%m-%d %H:%M:%S.%i [%p] %s: %t";
 const char* const kRootDisplayName = "root";
 // A module logger with its own file writes to "<name><suffix>" in the agent log's folder.
 const char* const kModuleFileSuffix = ".log";
+// Lines one source line may write per window before the rest are counted instead of written. A
+// failing socket build (three source lines, about 400 lines a second each) then writes at most
+// 3 * 40 lines and 3 summaries a window, so any 60 s (which may straddle two windows) stays well
+// under 300 lines, while every per-packet alarm line of a paced scan of 20 to 40 ports shows.
+constexpr int kLinesPerSourceLine = 40;
+constexpr std::chrono::seconds kBudgetWindow(60);
+// Windows that closed with lines suppressed are summarised at most this often without a caller
+// asking (FlushSuppressedLines), so the sweep costs nothing per line.
+constexpr std::chrono::seconds kSweepInterval(1);
+
+using BudgetClock = std::chrono::steady_clock;
+
+// Holds back bursts from one source line: past kLinesPerSourceLine lines in a window only a count
+// is kept, and one summary line (at the priority of the worst line held back) is written when the
+// window closes. Lines without a source file are never held back.
+class BudgetChannel : public Poco::Channel {
+public:
+    explicit BudgetChannel(const Poco::AutoPtr<Poco::Channel>& next) : m_next(next) {}
+
+    void log(const Poco::Message& msg) override {
+        if (msg.getSourceFile() == nullptr) {
+            m_next->log(msg);
+            return;
+        }
+        const BudgetClock::time_point now = BudgetClock::now();
+        std::vector<Summary> summaries;
+        bool pass = true;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (now >= m_nextSweep) {
+                CloseWindows(now, false, summaries);
+                m_nextSweep = now + kSweepInterval;
+            }
+            Key key(msg.getSourceFile(), msg.getSourceLine());
+            Window& window = m_windows[key];
+            if (window.lines == 0 || now - window.start >= kBudgetWindow) {
+                if (window.suppressed > 0) {
+                    summaries.push_back(MakeSummary(key, window, now));
+                }
+                window = Window{};
+                window.start = now;
+                window.source = msg.getSource();
+            }
+            if (++window.lines > kLinesPerSourceLine) {
+                ++window.suppressed;
+                window.worst = std::min(window.worst, static_cast<int>(msg.getPriority()));
+                pass = false;
+            }
+        }
+        Write(summaries);
+        if (pass) {
+            m_next->log(msg);
+        }
+    }
+
+    // Writes the summary of every window that has closed (of all of them with `all`).
+    void Flush(bool all) {
+        std::vector<Summary> summaries;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            CloseWindows(BudgetClock::now(), all, summaries);
+        }
+        Write(summaries);
+    }
+
+private:
+    // The file name is copied: a module's library (where its __FILE__ text lives) may be closed
+    // while a window is still open.
+    using Key = std::pair<std::string, int>;
+    struct Window {
+        BudgetClock::time_point start;
+        int lines = 0;
+        int suppressed = 0;
+        int worst = Poco::Message::PRIO_TRACE;
+        std::string source;
+    };
+    struct Summary {
+        Key key;
+        std::string source;
+        std::string text;
+        int priority;
+    };
+
+    static Summary MakeSummary(const Key& key, const Window& window, BudgetClock::time_point now) {
+        const long seconds =
+            static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(now - window.start).count());
+        return Summary{key, window.source,
+                       "[Log] " + std::to_string(window.suppressed) + " more line(s) from " +
+                           key.first.substr(key.first.rfind('/') + 1) + ":" + std::to_string(key.second) +
+                           " suppressed in " + std::to_string(seconds) + " s (more than " +
+                           std::to_string(kLinesPerSourceLine) + " a minute)",
+                       window.worst};
+    }
+
+    void CloseWindows(BudgetClock::time_point now, bool all, std::vector<Summary>& summaries) {
+        for (auto it = m_windows.begin(); it != m_windows.end();) {
+            const bool closed = all || now - it->second.start >= kBudgetWindow;
+            if (closed && it->second.suppressed > 0) {
+                summaries.push_back(MakeSummary(it->first, it->second, now));
+            }
+            it = closed ? m_windows.erase(it) : std::next(it);
+        }
+    }
+
+    void Write(const std::vector<Summary>& summaries) {
+        for (const Summary& summary : summaries) {
+            m_next->log(Poco::Message(summary.source, summary.text,
+                                      static_cast<Poco::Message::Priority>(summary.priority),
+                                      summary.key.first.c_str(), summary.key.second));
+        }
+    }
+
+    Poco::AutoPtr<Poco::Channel> m_next;
+    std::mutex m_mutex;
+    std::map<Key, Window> m_windows;
+    BudgetClock::time_point m_nextSweep;
+};
 
 // Formats one line. The channels are synchronous: Poco::Message holds only a raw pointer to the
 // source file name, so a message must be written before its caller returns.
@@ -63,8 +182,16 @@ private:
 
 // Raw pointers handed to POCO's Ptr parameters are adopted without a new reference, so channels
 // travel as AutoPtr everywhere below.
+// Every channel the loggers write to passes through a budget first.
 Poco::AutoPtr<Poco::Channel> Formatted(const Poco::AutoPtr<Poco::Channel>& sink) {
-    return new Poco::FormattingChannel(new LineFormatter, sink);
+    Poco::AutoPtr<Poco::Channel> formatted(new Poco::FormattingChannel(new LineFormatter, sink));
+    return new BudgetChannel(formatted);
+}
+
+void FlushBudget(Poco::AutoPtr<Poco::Channel> channel, bool all) {
+    if (auto* budget = dynamic_cast<BudgetChannel*>(channel.get())) {
+        budget->Flush(all);
+    }
 }
 
 // Opens `path` for appending, creating missing parent folders. Null with `error` filled when
@@ -292,6 +419,23 @@ Poco::Logger* LoggerUtils::GetModuleLogger(const std::string& name, bool separat
         WarnOnRoot(moduleError + "; the module logs to the common channel");
     }
     return logger;
+}
+
+void LoggerUtils::FlushSuppressedLines(bool all) {
+    std::vector<Poco::AutoPtr<Poco::Channel>> channels;
+    {
+        LoggerState& state = State();
+        std::lock_guard<std::mutex> lock(state.mutex);
+        channels.push_back(state.common);
+        for (const auto& entry : state.modules) {
+            if (!entry.second.ownChannel.isNull()) {
+                channels.push_back(entry.second.ownChannel);
+            }
+        }
+    }
+    for (const auto& channel : channels) {
+        FlushBudget(channel, all);
+    }
 }
 
 int LoggerUtils::GetLevel() const {

@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <csignal>
 #include <memory>
 #include <optional>
@@ -18,6 +22,11 @@ constexpr Millis kWait(15000);
 std::string Policy(const std::string& marker, int count = 1, int burstOnStop = 0) {
     return R"({"marker": ")" + marker + R"(", "count": )" + std::to_string(count) + R"(, "burst_on_stop": )" +
            std::to_string(burstOnStop) + "}";
+}
+
+// A JSON text nested deeper than the JSON reader's stack limit (1000 levels).
+std::string DeeplyNested() {
+    return std::string(1001, '[') + std::string(1001, ']');
 }
 
 // The test module's events in a JSON-lines file with this marker and kind; a line that is not a
@@ -60,9 +69,18 @@ TEST(AgentProcessTest, ReportsEventsAndFollowsPolicyEdits) {
     Agent agent(Policy("first"));
     ASSERT_TRUE(agent.WaitFor("first", 1)) << agent.Log();
     EXPECT_TRUE(WaitUntil([&] { return Count(agent.m_dir.File("stdout"), "first", "policy") == 1; }, kWait));
+    // A text too deeply nested to parse is reported once and does not stop the agent.
+    WriteFile(agent.m_dir.File("test.json"), "{\"a\": " + DeeplyNested() + "}");
+    ASSERT_TRUE(WaitUntil([&] { return agent.Log().find("nested too deeply") != std::string::npos; }, kWait))
+        << agent.Log();
     WriteFile(agent.m_dir.File("test.json"), Policy("second"));  // noticed by polling, no signal
     ASSERT_TRUE(agent.WaitFor("second", 1)) << agent.Log();
     EXPECT_EQ(agent.Terminate(), 0) << agent.Log();
+    std::size_t deepLines = 0;
+    for (const std::string& line : ReadLines(agent.m_dir.File("stderr"))) {
+        deepLines += line.find("nested too deeply") != std::string::npos;
+    }
+    EXPECT_EQ(deepLines, 1u) << agent.Log();
     for (const char* sink : {"alarms.jsonl", "stdout"}) {
         EXPECT_EQ(ReadLines(agent.m_dir.File(sink)).size(), 2u) << sink;
         EXPECT_EQ(Count(agent.m_dir.File(sink), "second", "policy"), 1u) << sink;
@@ -103,6 +121,11 @@ TEST(AgentProcessTest, CheckConfigNamesTheFileAndTheProblem) {
          "agent.json", "unknown protocol \"tls\""},
         {R"({"policies": {"90001": "none.json"}})", "{}", "none.json", "No such file"},
         {R"({"policies": {"90001": "p.json"}})", "[1]", "p.json", "not a JSON object"},
+        {R"({"policies": {"90001": "p.json"}})", "DEEP", "p.json", "nested too deeply"},
+        {R"({"log": DEEP})", "{}", "agent.json", "nested too deeply"},
+        // A key with a line break cannot forge a line of its own.
+        {"{\"module\nconfiguration OK\": 1}", "{}", "agent.json",
+         "unknown key \"module\\x0aconfiguration OK\""},
         {R"({"modules": ["MODULE"], "policies": {"90001": "p.json"}})", R"({"marker": "ok"})", "",
          "configuration OK"},
         {R"({"report": {"sinks": [{"type": "syslog"}, {"type": "syslog", "address": "[::1]:514"},
@@ -116,14 +139,76 @@ TEST(AgentProcessTest, CheckConfigNamesTheFileAndTheProblem) {
         if (config.find("MODULE") != std::string::npos) {
             config.replace(config.find("MODULE"), 6, TEST_MODULE);
         }
+        std::string policy = c.policy;
+        for (std::string* text : {&config, &policy}) {
+            if (text->find("DEEP") != std::string::npos) {
+                text->replace(text->find("DEEP"), 4, DeeplyNested());
+            }
+        }
         WriteFile(dir.File("agent.json"), config);
-        WriteFile(dir.File("p.json"), c.policy);
+        WriteFile(dir.File("p.json"), policy);
         RunResult check = TestSupport::Run(
             {HOSTAGENT_BIN, "--check-config", "--config", dir.File("agent.json")}, "", Seconds(30));
         EXPECT_EQ(check.code == 0, *c.file == '\0') << check.output;
         EXPECT_NE(check.output.find(*c.file ? dir.File(c.file) : ""), std::string::npos) << check.output;
         EXPECT_NE(check.output.find(c.problem), std::string::npos) << check.output;
+        EXPECT_NE(check.code, 70) << "an exception escaped: " << check.output;
+        EXPECT_EQ(std::count(check.output.begin(), check.output.end(), '\n'), 1) << check.output;
     }
+}
+
+TEST(AgentProcessTest, FilesOtherUsersCanChangeAreRefused) {
+    const struct {
+        const char* unsafe;  // made writable by all ("" for none)
+        mode_t mode;
+        bool chownToOther;  // owned by a user other than root and the agent's
+        const char* problem;
+    } cases[] = {
+        {"lib/module.so", 0777, false, "lib/module.so: unsafe: "},
+        {"agent.json", 0666, false, "agent.json: unsafe: "},
+        {"policies/p.json", 0666, false, "policies/p.json: unsafe: "},
+        {"policies", 0777, false, "unsafe: its folder "},
+        {"policies/p.json", 0644, true, "is owned by uid 54321"},
+        {"policies", 01777, false, "configuration OK"},  // a sticky folder is fine
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.unsafe) + (c.chownToOther ? " chown" : ""));
+        TempDir dir;
+        for (const char* folder : {"lib", "policies"}) {
+            ASSERT_EQ(mkdir(dir.File(folder).c_str(), 0755), 0);
+        }
+        WriteFile(dir.File("lib/module.so"), ReadFile(TEST_MODULE));
+        WriteFile(dir.File("policies/p.json"), Policy("safe"));
+        WriteFile(dir.File("agent.json"),
+                  R"({"modules": ["lib/module.so"], "policies": {"90001": "policies/p.json"}})");
+        const std::string unsafe = dir.File(c.unsafe);
+        ASSERT_EQ(chmod(unsafe.c_str(), c.mode), 0);
+        if (c.chownToOther && chown(unsafe.c_str(), 54321, 54321) != 0) {
+            GTEST_SKIP() << "giving a file to another user needs root";
+        }
+        RunResult check = TestSupport::Run(
+            {HOSTAGENT_BIN, "--check-config", "--config", dir.File("agent.json")}, "", Seconds(30));
+        const bool ok = std::string(c.problem) == "configuration OK";
+        EXPECT_EQ(check.code == 0, ok) << check.output;
+        EXPECT_NE(check.output.find(c.problem), std::string::npos) << check.output;
+        if (!ok) {
+            // One line naming the file or folder at fault and the fix.
+            EXPECT_NE(check.output.find(unsafe), std::string::npos) << check.output;
+            EXPECT_NE(
+                check.output.find(c.chownToOther ? "fix: chown root " + unsafe : "fix: chmod go-w " + unsafe),
+                std::string::npos)
+                << check.output;
+            EXPECT_EQ(std::count(check.output.begin(), check.output.end(), '\n'), 1) << check.output;
+        }
+    }
+    // The running agent refuses the same: a world-writable module is not loaded.
+    TempDir dir;
+    WriteFile(dir.File("module.so"), ReadFile(TEST_MODULE));
+    ASSERT_EQ(chmod(dir.File("module.so").c_str(), 0777), 0);
+    WriteFile(dir.File("agent.json"), R"({"modules": ["module.so"]})");
+    RunResult run = TestSupport::Run({HOSTAGENT_BIN, "--config", dir.File("agent.json")}, "", Seconds(30));
+    EXPECT_NE(run.code, 0) << run.output;
+    EXPECT_NE(run.output.find(dir.File("module.so") + ": unsafe: "), std::string::npos) << run.output;
 }
 
 }  // namespace

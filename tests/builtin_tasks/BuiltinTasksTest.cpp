@@ -1,18 +1,31 @@
+#include "SockDiagDump.h"
 #include "builtin_tasks/DataCommReportTask.h"
 #include "builtin_tasks/NetProcsFullTask.h"
 #include "framework/Message.h"
+#include "support/LogCapture.h"
 #include "support/NetLab.h"
 #include "support/TestEngine.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/netlink.h>
+#include <linux/seccomp.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <climits>
+#include <cstddef>
+#include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -84,6 +97,111 @@ TEST(NetProcsFullTaskTest, SeesLoopbackListenersAndDropsThemOnceClosed) {
         ASSERT_TRUE(task.RefreshNow());
         task.GetNetCacheMap(cache);
         EXPECT_EQ(cache.count(inode), 0u);
+    }
+}
+
+// Runs `work` on a thread of its own on which the kernel refuses every new netlink socket with
+// EMFILE (a seccomp filter, which binds that thread only).
+void WithoutNetlinkSockets(const std::function<void()>& work) {
+    std::thread thread([&] {
+        sock_filter program[] = {
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_socket, 0, 3),
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_NETLINK, 0, 1),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EMFILE),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        };
+        sock_fprog filter{static_cast<unsigned short>(sizeof(program) / sizeof(program[0])), program};
+        ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+        ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
+        ASSERT_LT(socket(AF_NETLINK, SOCK_RAW, NETLINK_SOCK_DIAG), 0);
+        work();
+    });
+    thread.join();
+}
+
+TEST(NetProcsFullTaskTest, ANetlinkSocketThatCannotBeMadeIsReportedOnceAndRecoveredFrom) {
+    TestSupport::TestEngine();
+    TestSupport::RecordingChannel& logs = TestSupport::CaptureLogs();
+    NetProcsFullTask task(60000);
+    bool refreshed[3] = {true, true, true};
+    WithoutNetlinkSockets([&] {
+        for (bool& result : refreshed) {
+            result = task.RefreshNow();
+        }
+    });
+    EXPECT_FALSE(refreshed[0] || refreshed[1] || refreshed[2]);
+    EXPECT_EQ(logs.CountContaining("Cannot read the socket tables"), 1u);
+    EXPECT_EQ(logs.CountContaining("netlink socket: Too many open files"), 1u);
+    EXPECT_TRUE(task.RefreshNow());
+    EXPECT_TRUE(task.RefreshNow());
+    EXPECT_EQ(logs.Count("[NetProcs] Socket tables readable again"), 1u);
+}
+
+// A socket-diagnostics netlink socket with one hand-made datagram queued ahead of the kernel's own
+// answer, sent from a second netlink socket of this process (needs CAP_NET_ADMIN).
+class QueuedReply {
+public:
+    QueuedReply()
+        : m_fd(socket(AF_NETLINK, SOCK_RAW, NETLINK_SOCK_DIAG)),
+          m_sender(socket(AF_NETLINK, SOCK_RAW, NETLINK_SOCK_DIAG)) {
+        sockaddr_nl self{};
+        self.nl_family = AF_NETLINK;
+        socklen_t length = sizeof(self);
+        m_ok = m_fd >= 0 && m_sender >= 0 && bind(m_fd, reinterpret_cast<sockaddr*>(&self), length) == 0 &&
+               getsockname(m_fd, reinterpret_cast<sockaddr*>(&m_address), &length) == 0;
+    }
+    ~QueuedReply() {
+        close(m_fd);
+        close(m_sender);
+    }
+    bool Queue(const void* data, std::size_t size) {
+        return sendto(m_sender, data, size, 0, reinterpret_cast<const sockaddr*>(&m_address),
+                      sizeof(m_address)) == static_cast<ssize_t>(size);
+    }
+    int m_fd;
+    int m_sender;
+    bool m_ok = false;
+    sockaddr_nl m_address{};
+};
+
+TEST(SockDiagDumpTest, ErrorRepliesGiveADefinedResult) {
+    QueuedReply reply;
+    ASSERT_TRUE(reply.m_ok);
+    struct {
+        int code;
+        bool unsupported;
+        const char* text;
+    } cases[] = {
+        {INT_MIN, false, "malformed error reply (code -2147483648)"},
+        {0, false, "malformed error reply (code 0)"},
+        {-ENOENT, true, "kernel: No such file or directory"},
+        {-EPERM, false, "kernel: Operation not permitted"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.code);
+        struct {
+            nlmsghdr header;
+            nlmsgerr body;
+        } message{};
+        message.header.nlmsg_len = sizeof(message);
+        message.header.nlmsg_type = NLMSG_ERROR;
+        message.header.nlmsg_seq = 7;
+        message.body.error = c.code;
+        if (!reply.Queue(&message, sizeof(message)) && errno == EPERM) {
+            GTEST_SKIP() << "sending to a netlink socket of this process needs CAP_NET_ADMIN";
+        }
+        std::vector<Engine::NetProcsMessage::netProcInfo> sockets;
+        std::string error;
+        bool unsupported = !c.unsupported;
+        EXPECT_FALSE(
+            Engine::SockDiag::DumpSockets(reply.m_fd, AF_INET, IPPROTO_TCP, 7, sockets, error, unsupported));
+        EXPECT_NE(error.find(c.text), std::string::npos) << error;
+        EXPECT_EQ(unsupported, c.unsupported);
+        // The kernel's own answer to the request is still queued: it is read whole and ends the dump.
+        EXPECT_TRUE(
+            Engine::SockDiag::DumpSockets(reply.m_fd, AF_INET, IPPROTO_TCP, 8, sockets, error, unsupported));
     }
 }
 

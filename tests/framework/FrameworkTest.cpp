@@ -83,6 +83,46 @@ TEST(RuntimeTest, TaskStartCancelAndRestart) {
     }
 }
 
+TEST(RuntimeTest, ObserverTellsAStopByItselfFromAnUnregistration) {
+    Framework::Engine& engine = TestSupport::TestEngine();
+    std::mutex mutex;
+    std::vector<Framework::Engine::TaskEvent> events;
+    engine.SetTaskObserver([&](const Framework::Engine::TaskEvent& event) {
+        std::lock_guard<std::mutex> lock(mutex);
+        events.push_back(event);
+    });
+    auto seen = [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return events;
+    };
+    {
+        ProbeTask quitter("quitter2", ProbeTask::Mode::ReturnAtOnce);
+        ProbeTask waiter("waiter", ProbeTask::Mode::AwaitCancel);
+        CountingModule module("k9");
+        ASSERT_TRUE(module.RegisterTask(&quitter, false));
+        ASSERT_TRUE(WaitUntil([&] { return seen().size() == 2; }, kWait));
+        ASSERT_TRUE(engine.RegisterTask(&waiter, false));
+        ASSERT_TRUE(WaitUntil([&] { return seen().size() == 3; }, kWait));
+        EXPECT_TRUE(engine.UnRegisterTask("waiter"));
+    }
+    engine.SetTaskObserver(nullptr);
+    using Kind = Framework::Engine::TaskEvent::Kind;
+    const auto all = seen();
+    ASSERT_EQ(all.size(), 4u);
+    EXPECT_EQ(all[0].kind, Kind::Started);
+    EXPECT_EQ(all[0].task, "quitter2");
+    EXPECT_EQ(all[1].kind, Kind::Stopped);
+    EXPECT_TRUE(all[1].byItself);
+    EXPECT_EQ(all[1].module, "counting_k9");
+    EXPECT_EQ(all[1].keys, std::vector<std::string>{"k9"});
+    EXPECT_EQ(all[2].kind, Kind::Started);
+    EXPECT_EQ(all[3].kind, Kind::Stopped);
+    EXPECT_EQ(all[3].task, "waiter");
+    EXPECT_FALSE(all[3].byItself);
+    EXPECT_TRUE(all[3].module.empty());
+    EXPECT_GT(all[3].runSeconds, 0.0);
+}
+
 TEST(RuntimeTest, MessageDelivery) {
     Framework::Engine& engine = TestSupport::TestEngine();
     std::atomic<int> freed{0};

@@ -10,6 +10,8 @@
 #include <linux/sock_diag.h>
 
 #include <chrono>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -153,6 +155,39 @@ TEST(PortScanParser, FramesTable) {
         EXPECT_EQ(std::make_tuple(ok ? 8080 : 9, ok ? 40000 : 0, ok ? c.type : 9, std::string(c.flag)),
                   std::make_tuple(int(node.localPort), int(node.remotePort), node.type, node.flag));
     }
+}
+
+TEST(PortScanParser, HeadersEndingPastTheLengthAreRefused) {
+    struct Case {
+        int protocol, ihl;
+        std::size_t cut;  // bytes taken off the end of the frame
+        bool parsed;
+    };
+    const Case cases[] = {
+        {IPPROTO_TCP, 6, 7, false},   // the flag byte is the first missing one
+        {IPPROTO_TCP, 6, 6, true},    // ends at the flag byte
+        {IPPROTO_UDP, 15, 5, false},  // the destination port is cut
+        {IPPROTO_UDP, 15, 4, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        std::vector<char> full = Frame(c.protocol, c.ihl, 0x02);
+        // An exact-size copy, so a read past its end is a heap overflow under the sanitizers.
+        const std::size_t length = full.size() - c.cut;
+        std::unique_ptr<char[]> exact(new char[length]);
+        memcpy(exact.get(), full.data(), length);
+        Engine::PacketNode node{{0}, 9, {0}, 0, 9, "old"};
+        EXPECT_EQ(c.parsed, Engine::SocketUtil::ParsePacket(exact.get(), length, &node));
+        EXPECT_EQ(c.parsed ? 8080 : 9, int(node.localPort));
+        EXPECT_EQ(c.parsed ? inet_addr("10.0.0.1") : 0u, node.localAddress.s_addr);  // untouched when refused
+    }
+    // The capture loop's zero-padded 100-byte buffer still reads a frame with the longest IP header.
+    std::vector<char> frame = Frame(IPPROTO_TCP, 15, 0x02);
+    frame.resize(100, 0);
+    Engine::PacketNode node{};
+    ASSERT_TRUE(Engine::SocketUtil::ParsePacket(frame.data(), frame.size(), &node));
+    EXPECT_EQ(std::make_tuple(8080, 40000, std::string("SYN")),
+              std::make_tuple(int(node.localPort), int(node.remotePort), node.flag));
 }
 
 TEST(PortScanParser, OneByteShortIsRefusedAfterAPause) {

@@ -11,6 +11,15 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstddef>
+
+#ifdef __SANITIZE_ADDRESS__
+// From the sanitizer runtime's allocator interface (GCC installs no header for it).
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
+#else
+#include <malloc.h>
+#endif
+
 #include <memory>
 #include <set>
 #include <string>
@@ -81,6 +90,36 @@ TEST(PortScanPolicy, ResultsAndTheirLogLines) {
         }
         EXPECT_EQ(c.line.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.line}, errors);
     }
+}
+
+// Bytes the heap hands out at the moment.
+std::size_t HeapInUse() {
+#ifdef __SANITIZE_ADDRESS__
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    return mallinfo2().uordblks;
+#endif
+}
+
+TEST(PortScanPolicy, FailedTaskPoliciesDoNotPileUp) {
+    auto& log = Logs();
+    // 50 ports and no task condition: each failure leaves a filled task policy of several KB behind.
+    std::string task = Ports(50);
+    task.replace(0, std::string(R"({"task_condition":{},)").size(), "{");
+    const std::string failing = Feature(task);
+    ASSERT_EQ(failing.find("task_condition"), std::string::npos);
+    auto deliver = [&](int times) {
+        for (int i = 0; i < times; ++i) {
+            Engine::PortScanPolicy feature("portscan_info_collect");
+            ASSERT_TRUE(feature.Parse(failing));
+            ASSERT_FALSE(feature.IsPortScanEnable());
+            log.Clear();  // the recorded log lines are not what is measured
+        }
+    };
+    deliver(100);  // whatever is kept is kept by now
+    const std::size_t before = HeapInUse();
+    deliver(2000);
+    EXPECT_LT(HeapInUse(), before + 1024 * 1024);  // unbounded, this grows by more than 8 MB
 }
 
 TEST(PortScanPolicy, MonitorRecordsDefaultsAndRefresh) {

@@ -46,4 +46,53 @@ TEST(LoggerUtilsTest, LineFormatAndLevelFiltering) {
     }
 }
 
+TEST(LoggerUtilsTest, BurstFromOneSourceLineIsCappedAndSummarised) {
+    TestSupport::TempDir dir;
+    std::string error;
+    ASSERT_TRUE(LoggerUtils::GetInstance()->Configure({"debug", false, dir.File("agent.log")}, error))
+        << error;
+    Poco::Logger* module = LoggerUtils::GetInstance()->GetModuleLogger("portscan_module", false);
+    ASSERT_NE(module, nullptr);
+    auto log = [&](const std::string& text, Poco::Message::Priority priority, int line) {
+        module->log(Poco::Message(module->name(), text, priority, "/src/SocketUtil.cpp", line));
+    };
+    // A failing source line interleaved with two quiet ones, one of them on the same file.
+    for (int i = 0; i < 400; ++i) {
+        log("socket failed " + std::to_string(i),
+            i == 7 ? Poco::Message::PRIO_ERROR : Poco::Message::PRIO_WARNING, 60);
+        if (i % 40 == 0) {
+            log("other " + std::to_string(i), Poco::Message::PRIO_INFORMATION, 61);
+        }
+    }
+    // No source file: never held back.
+    for (int i = 0; i < 80; ++i) {
+        module->log(Poco::Message(module->name(), "sourceless", Poco::Message::PRIO_INFORMATION));
+    }
+    const std::vector<std::string> before = TestSupport::ReadLines(dir.File("agent.log"));
+    LoggerUtils::GetInstance()->FlushSuppressedLines(true);
+    const std::vector<std::string> lines = TestSupport::ReadLines(dir.File("agent.log"));
+
+    std::vector<std::string> failing;
+    std::size_t others = 0;
+    std::size_t sourceless = 0;
+    for (const std::string& line : before) {
+        if (line.find("socket failed ") != std::string::npos) {
+            failing.push_back(line.substr(line.find("socket failed ")));
+        }
+        others += line.find(": other ") != std::string::npos;
+        sourceless += line.find("sourceless") != std::string::npos;
+    }
+    ASSERT_EQ(failing.size(), 40u);
+    EXPECT_EQ(failing.front(), "socket failed 0");  // the first lines pass exactly as logged
+    EXPECT_EQ(failing.back(), "socket failed 39");
+    EXPECT_EQ(others, 10u);
+    EXPECT_EQ(sourceless, 80u);
+    ASSERT_EQ(lines.size(), before.size() + 1);
+    // One summary, at the worst priority held back, naming the source line and the count.
+    EXPECT_NE(lines.back().find("[Warning] portscan_module SocketUtil.cpp:60: [Log] 360 more line(s) from "
+                                "SocketUtil.cpp:60 suppressed"),
+              std::string::npos)
+        << lines.back();
+}
+
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include "framework/Task.h"
 
+#include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -39,6 +41,9 @@ public:
     // Replaces `out` with a snapshot of the cache: socket inode -> socket. Safe from any thread;
     // the records are shared and never modified after publication.
     void GetNetCacheMap(CacheMap& out);
+    // When GetNetCacheMap was last called (steady clock); the epoch when never. Readers do their
+    // periodic work around that call, so the agent can tell when that work is done.
+    std::chrono::steady_clock::time_point GetLastReadTime() const;
 
     // Re-reads the kernel's socket tables now. False when the kernel could not be asked (the
     // previous cache is kept).
@@ -54,6 +59,10 @@ private:
     long m_refreshPeriodMs;
     std::mutex m_mutex;
     CacheMap m_cache;
+    std::atomic<std::chrono::steady_clock::rep> m_lastRead{0};
+    // Why the last refresh failed ("" after a good one): a lasting fault is logged once, not per
+    // refresh, and its end is logged too. Touched by the refreshing thread only.
+    std::string m_refreshProblem;
 };
 
 }  // namespace Engine

@@ -2,7 +2,9 @@
 
 #include <Poco/Util/Application.h>
 
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace Framework {
 
@@ -27,6 +29,20 @@ class TaskPolicy;
 // SendDirectMsg and UnRegisterTask never wait for a delivery, so tasks may call them freely.
 class Engine : public Poco::Util::Application {
 public:
+    // A task's Run() began, or its registration ended. Sent on the task's own thread (Started,
+    // and Stopped when Run() returned by itself) or on the unregistering thread (Stopped).
+    struct TaskEvent {
+        enum class Kind { Started, Stopped };
+        Kind kind = Kind::Started;
+        std::string task;
+        std::string module;             // owning module's name; empty for the agent's own tasks
+        std::vector<std::string> keys;  // feature keys that module serves
+        double runSeconds = 0;          // Stopped: how long Run() ran (0 when it never began)
+        bool byItself = false;          // Stopped: Run() returned without being asked to
+        int result = 0;                 // Stopped by itself: Run()'s result
+    };
+    using TaskObserver = std::function<void(const TaskEvent&)>;
+
     Engine();
     ~Engine() override;
 
@@ -42,6 +58,10 @@ public:
     bool UnRegisterTask(const std::string& name);
     // Unregisters every task, in reverse order of registration.
     void UnRegisterAllTasks();
+
+    // Tells `observer` of every task start and stop from now on (one observer; an empty function
+    // removes it). The observer must not call back into the registry: it should only take note.
+    void SetTaskObserver(TaskObserver observer);
 
     // Modules known to the runtime (not owned). Policies are offered to them in this order.
     void AddModule(Module* module);

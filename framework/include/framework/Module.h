@@ -51,6 +51,8 @@ public:
     bool UnRegisterTaskletCallback(const std::string& key);
     // True when a callback is registered for `key`.
     bool HasPolicyCallback(const std::string& key) const;
+    // The keys this module has a policy callback for, in key order.
+    std::vector<std::string> GetPolicyKeys() const;
 
     // Starts `task` on its own thread (Init, then Run). With `adopt` true the runtime takes over
     // the caller's reference on the task and releases it when the task is unregistered; with

@@ -37,6 +37,12 @@ public:
     // when the agent logs to no file). Returns null until Configure has succeeded once. Owned by POCO.
     Poco::Logger* GetModuleLogger(const std::string& name, bool separateFile);
 
+    // A burst from one source line is held back: past a budget per minute its lines are only
+    // counted, and one summary line says how many were suppressed. The summary is written when the
+    // next line of that source comes after its window, or here: for every window that has closed,
+    // or for all of them with `all` (before the log is closed).
+    void FlushSuppressedLines(bool all);
+
     // The configured level as a Poco::Message priority number (3 error ... 7 debug).
     int GetLevel() const;
 

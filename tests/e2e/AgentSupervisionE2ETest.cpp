@@ -1,0 +1,311 @@
+// The agent around the port-scan module in production conditions: a flood that stops the task,
+// the supervisor starting it again, the renewal that lets a port alarm again, and the bounds on
+// CPU and log volume when the module cannot capture.
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "ScanLab.h"
+#include "support/NetLab.h"
+
+using namespace TestSupport;
+
+namespace {
+
+const char* const kAgentAddr = "10.78.1.1";
+const char* const kScannerAddr = "10.78.1.2";
+// A public source the flood claims: counted against "package_max_num" like any frame, never alarmed,
+// so its flood leaves the per-packet alarm lines of the later scan within the log budget.
+const char* const kSpoofedPublicAddr = "198.51.100.7";
+
+const unsigned kFloodedPort = 2401;  // its flood stops the task
+const unsigned kRenewedPort = 2402;  // alarms once before and once after a renewal
+const unsigned kPacedFirst = 2410;   // 20 ports scanned slowly after the restart
+const unsigned kPacedCount = 20;
+
+// The CPU limit the product ships with.
+int ShippedCpuLimit() {
+    Json::Value config;
+    std::ifstream in(SHIPPED_AGENT_CONFIG);
+    EXPECT_TRUE(Json::Reader().parse(in, config)) << SHIPPED_AGENT_CONFIG;
+    return config["cpu_limit_percent"].asInt();
+}
+
+std::string Policy(const std::vector<unsigned>& ports) {
+    Json::Value task;
+    task["monitor_list"] = Json::Value(Json::arrayValue);
+    for (unsigned port : ports) {
+        Json::Value entry;
+        entry["port"] = port;
+        entry["type"] = 0;
+        task["monitor_list"].append(entry);
+    }
+    task["white_ip_list"] = "";
+    task["check_port_before_alarm"] = true;
+    task["port_package_max_num"] = 40;
+    task["port_ip_max_num"] = 4;
+    task["alarm_max_num"] = 0;
+    task["package_max_num"] = 30;  // reached before any port freezes; above the paced scan
+    task["only_master_interface"] = false;
+    task["enable"] = true;
+    task["task_condition"] = Json::Value(Json::objectValue);
+    return ScanLab::FeaturePolicyText(task, "supervision");
+}
+
+void WriteAgentFiles(const TempDir& dir, int cpuLimit, int restartDelay, int renewAfter,
+                     const std::vector<unsigned>& ports) {
+    Json::Value config;
+    config["log"]["level"] = "information";
+    config["log"]["console"] = false;
+    config["log"]["file"] = "log/hostagent.log";
+    config["cpu_limit_percent"] = cpuLimit;
+    config["modules"].append(PORTSCAN_MODULE_PATH);
+    config["policies"]["10001"] = "portscan.json";
+    config["supervisor"]["restart_delay_s"] = restartDelay;
+    config["supervisor"]["renew_after_s"] = renewAfter;
+    Json::Value sink;
+    sink["type"] = "file";
+    sink["path"] = "alarms.jsonl";
+    config["report"]["sinks"].append(sink);
+    WriteFile(dir.File("agent.json"), config.toStyledString());
+    WriteFile(dir.File("portscan.json"), Policy(ports));
+}
+
+std::size_t CountContaining(const std::string& path, const std::string& needle) {
+    std::size_t count = 0;
+    for (const std::string& line : ReadLines(path)) {
+        count += line.find(needle) != std::string::npos;
+    }
+    return count;
+}
+
+std::multiset<unsigned> AlarmedPorts(const std::string& path) {
+    return ScanLab::AlarmPorts(ScanLab::ReadAlarms(path));
+}
+
+// CPU seconds (user + system) the process has used, from /proc.
+double CpuSeconds(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::istringstream fields(text.substr(text.rfind(')') + 2));  // after the command name
+    std::string field;
+    unsigned long long utime = 0;
+    unsigned long long stime = 0;
+    for (int index = 3; fields >> field; ++index) {
+        if (index == 14) {
+            utime = std::stoull(field);
+        } else if (index == 15) {
+            stime = std::stoull(field);
+            break;
+        }
+    }
+    return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+struct StatusResult {
+    int code;
+    std::string text;
+};
+
+StatusResult Status(const TempDir& dir) {
+    RunResult result = Run({HOSTAGENT_PATH, "--status", "--config", dir.File("agent.json")}, "", Seconds(10));
+    return {result.code, result.output};
+}
+
+class AgentSupervisionE2E : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "needs root: it builds network namespaces and runs a raw-socket scanner";
+        }
+        for (const char* tool : {"ip", "nmap", "hping3"}) {
+            if (FindProgram(tool).empty()) {
+                GTEST_SKIP() << tool << " is missing (scripts/install-deps.sh installs it)";
+            }
+        }
+        RemoveStaleNamespaces("sup");
+        const std::string tag = std::to_string(getpid());
+        m_agentNs = std::make_unique<NetNs>("sup" + tag + "-agent");
+        m_scannerNs = std::make_unique<NetNs>("sup" + tag + "-scan");
+        AddVethPair(*m_agentNs, "to-scan", std::string(kAgentAddr) + "/24", *m_scannerNs, "eth0",
+                    std::string(kScannerAddr) + "/24");
+    }
+
+    void TearDown() override {
+        if (HasFailure()) {
+            m_dir.Keep();
+            std::cerr << "agent files kept in " << m_dir.Path() << "\n";
+        }
+        m_agent.reset();
+        m_scannerNs.reset();
+        m_agentNs.reset();
+    }
+
+    void Scan(const std::vector<std::string>& argv) {
+        RunResult result = TestSupport::Run(argv, m_scannerNs->Name(), Seconds(60));
+        EXPECT_EQ(result.code, 0) << argv[0] << " failed:\n" << result.output;
+    }
+    void Syn(unsigned port, int count, const std::string& interval) {
+        Scan({"hping3", "-q", "-S", "-c", std::to_string(count), "-i", interval, "-p", std::to_string(port),
+              "-s", "42001", "-k", kAgentAddr});
+    }
+    // Nobody answers a spoofed source, so hping3's exit code says nothing here; the agent's log does.
+    void SpoofedFlood(unsigned port, int count) {
+        TestSupport::Run({"hping3", "-q", "-S", "-a", kSpoofedPublicAddr, "-c", std::to_string(count), "-i",
+                          "u5000", "-p", std::to_string(port), "-s", "42003", "-k", kAgentAddr},
+                         m_scannerNs->Name(), Seconds(30));
+    }
+    bool CaptureBuilt(std::size_t times) {
+        return WaitUntil([&] { return CountContaining(Log(), "Reload BPF rules") >= times; }, Seconds(30));
+    }
+    std::string Log() const { return m_dir.File("log/hostagent.log"); }
+    std::string Tail() const { return MustRun({"tail", "-n", "30", Log()}); }
+
+    TempDir m_dir;
+    std::unique_ptr<NetNs> m_agentNs;
+    std::unique_ptr<NetNs> m_scannerNs;
+    std::unique_ptr<Child> m_agent;
+};
+
+TEST_F(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
+    std::vector<unsigned> ports = {kFloodedPort, kRenewedPort};
+    for (unsigned i = 0; i < kPacedCount; ++i) {
+        ports.push_back(kPacedFirst + i);
+    }
+    const int restartDelay = 5;
+    WriteAgentFiles(m_dir, ShippedCpuLimit(), restartDelay, 5, ports);
+    m_agent = std::make_unique<Child>(
+        std::vector<std::string>{HOSTAGENT_PATH, "--config", m_dir.File("agent.json")}, m_agentNs->Name(),
+        m_dir.File("agent.out"), m_dir.File("agent.err"));
+    ASSERT_TRUE(CaptureBuilt(1)) << ReadFile(m_dir.File("agent.err"));
+    ASSERT_TRUE(WaitUntil([&] { return Status(m_dir).code == 0; }, Seconds(10))) << Status(m_dir).text;
+    // Each task thread carries its task's name, as top -H and ps -L show it.
+    const std::string threads = MustRun({"ps", "-L", "-o", "comm=", "-p", std::to_string(m_agent->Pid())});
+    EXPECT_NE(threads.find("port_scan_task\n"), std::string::npos) << threads;
+
+    // More frames in a minute than "package_max_num", even from a source that is never reported:
+    // the task stops itself; the status says so.
+    SpoofedFlood(kFloodedPort, 36);
+    ASSERT_TRUE(WaitForLine(Log(), "[Agent] Task port_scan_task of module portscan_module stopped by itself",
+                            Seconds(20)))
+        << Tail();
+    StatusResult down{};
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+            down = Status(m_dir);
+            return down.code == 1;
+        },
+        Seconds(restartDelay - 1)))
+        << down.text;
+    EXPECT_NE(down.text.find("restarting"), std::string::npos) << down.text;
+
+    // After the delay the task runs again: one restart, status 0.
+    StatusResult up{};
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            up = Status(m_dir);
+            return up.code == 0 && up.text.find("restarts 1") != std::string::npos;
+        },
+        Seconds(restartDelay + 10)))
+        << up.text << Tail();
+    ASSERT_TRUE(CaptureBuilt(2)) << Tail();
+    const long restarted = time(nullptr);
+
+    // A paced scan of 20 other watched ports and one probe of another: every per-packet alarm line
+    // shows (the log budget holds back floods, not these), and every port alarms at the next tick.
+    Scan({"nmap", "-sS", "-Pn", "-n", "-p",
+          std::to_string(kPacedFirst) + "-" + std::to_string(kPacedFirst + kPacedCount - 1), "-g", "42002",
+          "--scan-delay", "100ms", "--max-retries", "0", "--host-timeout", "30s", kAgentAddr});
+    Syn(kRenewedPort, 1, "u1000");
+    EXPECT_TRUE(WaitUntil([&] { return CountContaining(Log(), "[PortScan] Alarm found") >= kPacedCount + 1; },
+                          Seconds(10)))
+        << Tail();
+    std::multiset<unsigned> alarmed;
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            alarmed = AlarmedPorts(m_dir.File("alarms.jsonl"));
+            return alarmed.size() >= kPacedCount + 1;
+        },
+        Seconds(restarted + 80 - time(nullptr))))
+        << alarmed.size() << " alarm(s)\n"
+        << Tail();
+    for (unsigned i = 0; i < kPacedCount; ++i) {
+        EXPECT_EQ(alarmed.count(kPacedFirst + i), 1u) << "port " << kPacedFirst + i;
+    }
+    EXPECT_EQ(alarmed.count(kRenewedPort), 1u);
+    EXPECT_EQ(alarmed.count(kFloodedPort), 0u);  // its alarms went down with the stopped task
+
+    // The renewal comes right after that tick; a new probe of the same port alarms again, which one
+    // run of the task never does.
+    ASSERT_TRUE(WaitForLine(Log(), "[Agent] Renewing task port_scan_task", Seconds(20))) << Tail();
+    ASSERT_TRUE(CaptureBuilt(3)) << Tail();
+    const long renewed = time(nullptr);
+    Syn(kRenewedPort, 1, "u1000");
+    EXPECT_TRUE(WaitUntil([&] { return AlarmedPorts(m_dir.File("alarms.jsonl")).count(kRenewedPort) >= 2; },
+                          Seconds(renewed + 80 - time(nullptr))))
+        << Tail();
+    EXPECT_EQ(Status(m_dir).code, 0);
+
+    m_agent->Signal(SIGTERM);
+    EXPECT_EQ(m_agent->WaitExit(Seconds(30)), 0);
+    EXPECT_EQ(Status(m_dir).code, 3);
+}
+
+// Needs no root: without CAP_NET_RAW the capture socket cannot be built, which is the case measured.
+TEST(AgentBoundsE2E, EmptyMonitorListStaysUnderTheCpuLimitAndAFailingSocketBuildUnderTheLogBound) {
+    const int limit = ShippedCpuLimit();
+    ASSERT_GT(limit, 0) << "the shipped config must bound the CPU";
+    ASSERT_LE(limit, 10);
+
+    TempDir idleDir;
+    WriteAgentFiles(idleDir, limit, 60, 0, {});
+    Child idle({HOSTAGENT_PATH, "--config", idleDir.File("agent.json")}, "", idleDir.File("out"),
+               idleDir.File("err"));
+
+    // The socket build fails for lack of CAP_NET_RAW; no CPU limit, so only the log budget bounds it.
+    TempDir failDir;
+    WriteAgentFiles(failDir, 0, 60, 0, {2501, 2502, 2503});
+    const std::vector<std::string> agent = {HOSTAGENT_PATH, "--config", failDir.File("agent.json")};
+    std::vector<std::string> argv = agent;
+    if (geteuid() == 0) {
+        argv = {FindProgram("setpriv"), "--bounding-set", "-net_raw", "--inh-caps", "-net_raw", "--"};
+        argv.insert(argv.end(), agent.begin(), agent.end());
+    }
+    Child failing(argv, "", failDir.File("out"), failDir.File("err"));
+    ASSERT_TRUE(WaitForLine(failDir.File("log/hostagent.log"), "first run port_scan_task", Seconds(15)))
+        << ReadFile(failDir.File("err"));
+    const auto failingSince = std::chrono::steady_clock::now();
+
+    // CPU of the idle agent over 10 s, once it has settled.
+    ASSERT_TRUE(WaitForLine(idleDir.File("log/hostagent.log"), "first run port_scan_task", Seconds(15)));
+    sleep(2);
+    const double before = CpuSeconds(idle.Pid());
+    sleep(10);
+    const double share = (CpuSeconds(idle.Pid()) - before) * 10.0;  // percent of one core over 10 s
+    EXPECT_LE(share, limit + 2.0) << "an agent with nothing to watch used " << share << " % of a core";
+    std::cout << "idle agent CPU: " << share << " % of a core (limit " << limit << " %)\n";
+
+    std::this_thread::sleep_until(failingSince + std::chrono::seconds(60));
+    const std::size_t lines = ReadLines(failDir.File("log/hostagent.log")).size();
+    std::cout << "log lines in 60 s of failing socket builds: " << lines << "\n";
+    EXPECT_LE(lines, 300u);
+    EXPECT_GT(CountContaining(failDir.File("log/hostagent.log"), "suppressed in"), 0u)
+        << "the socket build did not fail: is CAP_NET_RAW still there?";
+    // The operator is told at start which privilege is missing and what it costs.
+    EXPECT_EQ(CountContaining(failDir.File("log/hostagent.log"), "No CAP_NET_RAW: packet capture will fail"),
+              1u);
+    EXPECT_TRUE(idle.Running());
+    EXPECT_TRUE(failing.Running());
+}
+
+}  // namespace
