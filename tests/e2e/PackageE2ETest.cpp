@@ -53,16 +53,6 @@ std::string PathsNamedLikeThePackage() {
         .output;
 }
 
-std::vector<Json::Value> AlarmsIn(std::initializer_list<std::string> files) {
-    std::vector<Json::Value> all;
-    for (const std::string& file : files) {
-        for (const Json::Value& alarm : ReadAlarms(file)) {
-            all.push_back(alarm);
-        }
-    }
-    return all;
-}
-
 // Ends the agent, then purges what this test installed; the agent's files go to the lab's folder
 // first when the test failed.
 struct PackageLab : Lab {
@@ -183,13 +173,17 @@ TEST_F(PackageE2E, InstallsRunsReportsRotatesAndPurgesClean) {
 
     // No line lost: what the log says was sent, in the old and the new log, is what the old and the
     // new alarm file hold, one each.
-    std::vector<Json::Value> filed = AlarmsIn({kLogDir + "alarms.jsonl.1", kLogDir + "alarms.jsonl"});
-    std::vector<Json::Value> logged = LoggedAlarms(kLogDir + "hostagent.log.1");
-    for (const Json::Value& alarm : LoggedAlarms(kLogDir + "hostagent.log")) {
-        logged.push_back(alarm);
+    std::vector<Json::Value> filed = ReadAlarms(kLogDir + "alarms.jsonl.1"), logged;
+    EXPECT_EQ(filed.size(), 1u);
+    for (const Json::Value& alarm : ReadAlarms(kLogDir + "alarms.jsonl")) {
+        filed.push_back(alarm);
+    }
+    for (const std::string& log : {kLogDir + "hostagent.log.1", kLogDir + "hostagent.log"}) {
+        for (const Json::Value& alarm : LoggedAlarms(log)) {
+            logged.push_back(alarm);
+        }
     }
     EXPECT_EQ(filed.size(), 2u);
-    EXPECT_EQ(ReadAlarms(kLogDir + "alarms.jsonl.1").size(), 1u);
     EXPECT_EQ(EventIds(filed), EventIds(logged));
     EXPECT_EQ(EventIds(filed).size(), filed.size());
 

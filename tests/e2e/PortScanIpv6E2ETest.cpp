@@ -118,18 +118,10 @@ protected:
         EXPECT_EQ(kTcpPortCount + 1, std::set<unsigned>(ports.begin(), ports.end()).size());
         EXPECT_EQ(0u, ports.count(kListenedPort)) << "the listener's port was alarmed";
         for (const Json::Value& alarm : alarms) {
-            SCOPED_TRACE(alarm.toStyledString());
             const bool udp = AlarmPort(alarm) == kUdpPort;
-            const Json::Value& network = alarm["network_info"];
-            EXPECT_EQ(udp ? "portscan_0001" : "portscan_0002", alarm["event_classid"].asString());
-            EXPECT_EQ(udp ? "UDP" : "TCP", network["protocol"].asString());
-            EXPECT_EQ(udp ? "" : "SYN", network["app_protocol"].asString());
-            EXPECT_EQ(local, network["local_address"].asString());
-            EXPECT_EQ(remote, network["remote_address"].asString());
-            EXPECT_EQ(udp ? kUdpSourcePort : kTcpSourcePort, network["remote_port"].asInt());
-            EXPECT_TRUE(network["local_port"].isUInt() && alarm["event_count"].isInt() &&
-                        alarm["event_id"].isString());
-            EXPECT_LT(alarm["occur_time"].asInt64(), m_started + 60);
+            ExpectAlarm(alarm, AlarmPort(alarm), udp, local, remote, udp ? kUdpSourcePort : kTcpSourcePort,
+                        m_started);
+            EXPECT_LT(alarm["occur_time"].asInt64(), m_started + 60) << AlarmPort(alarm);
         }
     }
 

@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <ctime>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -89,6 +91,39 @@ std::vector<Json::Value> LoggedAlarms(const std::string& logPath) {
         alarms.push_back(alarm);
     }
     return alarms;
+}
+
+void ExpectAlarm(const Json::Value& alarm, unsigned port, bool udp, const std::string& local,
+                 const std::string& remote, int remotePort, long notBefore) {
+    SCOPED_TRACE("alarm for port " + std::to_string(port) + ": " + alarm.toStyledString());
+    EXPECT_EQ(alarm["event_classid"].asString(), udp ? "portscan_0001" : "portscan_0002");
+    EXPECT_EQ(alarm["event_name"].asString(), udp ? "Common port scan" : "Secret port scan");
+    const Json::Value& net = alarm["network_info"];
+    ASSERT_TRUE(net.isObject());
+    EXPECT_EQ(net["protocol"].asString(), udp ? "UDP" : "TCP");
+    EXPECT_TRUE(net["app_protocol"].isString());
+    EXPECT_EQ(net["app_protocol"].asString(), udp ? "" : "SYN");
+    EXPECT_EQ(net["remote_address"].asString(), remote);
+    ASSERT_TRUE(net["remote_port"].isInt() && net["local_port"].isUInt());
+    EXPECT_EQ(net["remote_port"].asInt(), remotePort);
+    EXPECT_EQ(net["local_address"].asString(), local);
+    EXPECT_EQ(net["local_port"].asUInt(), port);
+    for (const auto& [key, value] : std::map<std::string, int>{{"event_category", 6000},
+                                                               {"event_type", 6002},
+                                                               {"severity", 1},
+                                                               {"attack_phase", 1},
+                                                               {"attack_tag", 1},
+                                                               {"confidence", 60}}) {
+        ASSERT_TRUE(alarm[key].isInt()) << key;
+        EXPECT_EQ(alarm[key].asInt(), value) << key;
+    }
+    EXPECT_EQ(alarm["detect_module"].asString(), "portscan_module");
+    EXPECT_TRUE(std::regex_match(alarm["event_id"].asString(),
+                                 std::regex("[0-9a-fA-F]{8}(-[0-9a-fA-F]{4}){3}-[0-9a-fA-F]{12}")));
+    ASSERT_TRUE(alarm["occur_time"].isInt64() && alarm["event_count"].isInt());
+    EXPECT_GE(alarm["occur_time"].asInt64(), notBefore);
+    EXPECT_LE(alarm["occur_time"].asInt64(), static_cast<long>(time(nullptr)) + 5);
+    EXPECT_GE(alarm["event_count"].asInt(), 1);
 }
 
 unsigned AlarmPort(const Json::Value& alarm) {

@@ -39,6 +39,11 @@ std::vector<Json::Value> ReadAlarms(const std::string& path);
 // so it ends at the first ']'; it may span lines.
 std::vector<Json::Value> LoggedAlarms(const std::string& logPath);
 
+// Checks every key of an alarm document: "Secret port scan" of a SYN to TCP `port` (a common scan
+// of UDP `port` when `udp`), from `remote`:`remotePort` to `local`, raised between `notBefore` and now.
+void ExpectAlarm(const Json::Value& alarm, unsigned port, bool udp, const std::string& local,
+                 const std::string& remote, int remotePort, long notBefore);
+
 unsigned AlarmPort(const Json::Value& alarm);
 std::multiset<unsigned> AlarmPorts(const std::vector<Json::Value>& alarms);
 
