@@ -21,8 +21,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <atomic>
+#include <cstring>
 #include <functional>
 #include <future>
 #include <thread>
