@@ -108,7 +108,13 @@ std::size_t PolicyFeed::HandleChanges() {
     }
     std::size_t delivered = 0;
     for (std::size_t index = 0; index < m_entries.size() && !m_stopped; ++index) {
-        if (touched[index] && VisitEntry(m_entries[index], false)) {
+        if (!touched[index]) {
+            continue;
+        }
+        if (m_entries[index].watched) {
+            Watch(index);  // a link may point elsewhere now: watch its new target's folder too
+        }
+        if (VisitEntry(m_entries[index], false)) {
             ++delivered;
         }
     }
@@ -151,11 +157,16 @@ bool PolicyFeed::Watch(std::size_t index) {
     const std::string folder = FolderOf(path);
     const int wd = inotify_add_watch(m_inotifyFd, folder.c_str(), kWatchMask);
     if (wd < 0) {
-        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
-                     "[Policy] Cannot watch folder %s (%s); looking at %s every %ld ms until it can", folder,
-                     std::string(std::strerror(errno)), path, kPolicyPollIntervalMs);
+        const std::string problem = std::strerror(errno);
+        if (problem != entry.watchProblem) {  // once per fault, not per look
+            SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
+                         "[Policy] Cannot watch folder %s (%s); looking at %s every %ld ms until it can",
+                         folder, problem, path, kPolicyPollIntervalMs);
+            entry.watchProblem = problem;
+        }
         return false;
     }
+    entry.watchProblem.clear();
     AddWatch(wd, index, NameOf(path));
     // An edit of the file a link points to happens in the target's folder.
     if (char* real = realpath(path.c_str(), nullptr)) {

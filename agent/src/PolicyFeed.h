@@ -52,10 +52,11 @@ public:
 private:
     struct Entry {
         PolicySource source;
-        bool handled = false;  // `lastText` was delivered
-        std::string lastText;  // content at the last delivery
-        std::string problem;   // why the file could not be read; "" when it could
-        bool watched = false;  // the folder of `source.path` is watched
+        bool handled = false;      // `lastText` was delivered
+        std::string lastText;      // content at the last delivery
+        std::string problem;       // why the file could not be read; "" when it could
+        bool watched = false;      // the folder of `source.path` is watched
+        std::string watchProblem;  // why that folder cannot be watched; "" when it can
     };
     // What a folder watch is for: the entry and the name its file has in that folder.
     struct Watcher {
