@@ -91,9 +91,9 @@ int AgentRuntime::Run() {
             std::lock_guard<std::mutex> lock(m_eventMutex);
             m_events.push_back(event);
         }
+        // Wakes the control loop; a counter that cannot take more wakes it all the same.
         const std::uint64_t one = 1;
-        (void)!write(m_taskEventFd, &one,
-                     sizeof(one));  // wakes the control loop; a full counter wakes it too
+        (void)!write(m_taskEventFd, &one, sizeof(one));
     });
 
     if (!StartBuiltinTasks() || !StartModules()) {
