@@ -17,12 +17,17 @@
 #include <Poco/Path.h>
 #include <Poco/Util/Application.h>
 
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 
 namespace HostAgent {
@@ -41,12 +46,10 @@ std::string JoinKeys(const std::vector<std::string>& keys) {
     return joined;
 }
 
-long MillisecondsUntil(Clock::time_point when) {
-    if (when == Clock::time_point::max()) {
-        return kStatusIntervalMs;
-    }
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(when - Clock::now()).count();
-    return left > 0 ? static_cast<long>(left) : 0;
+// Rounded up, so that the wait never ends just before `when` and spins until it comes.
+int MillisecondsUntil(Clock::time_point when) {
+    const Millis left = std::chrono::ceil<Millis>(when - Clock::now());
+    return static_cast<int>(std::clamp<Millis::rep>(left.count(), 0, kStatusIntervalMs));
 }
 
 }  // namespace
@@ -62,6 +65,11 @@ AgentRuntime::AgentRuntime(Framework::Engine& engine, const AgentConfig& config)
 
 AgentRuntime::~AgentRuntime() {
     Shutdown();
+    for (int fd : {m_signalFd, m_taskEventFd}) {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
 }
 
 int AgentRuntime::Run() {
@@ -72,9 +80,20 @@ int AgentRuntime::Run() {
     WarnAboutMissingCapabilities();
     Framework::ConfigManager::GetInstance()->SetConnectConfig(m_config.connect);
     SDK::InnerCpuCtrlUtils::SetCpuLimitPercent(m_config.cpuLimitPercent);
+    m_signalFd = OpenControlSignalFd();
+    m_taskEventFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (m_signalFd < 0 || m_taskEventFd < 0) {
+        Fail(std::string("cannot set up the control loop: ") + std::strerror(errno));
+        return Poco::Util::Application::EXIT_OSERR;
+    }
     m_engine.SetTaskObserver([this](const Framework::Engine::TaskEvent& event) {
-        std::lock_guard<std::mutex> lock(m_eventMutex);
-        m_events.push_back(event);
+        {
+            std::lock_guard<std::mutex> lock(m_eventMutex);
+            m_events.push_back(event);
+        }
+        // Wakes the control loop; a counter that cannot take more wakes it all the same.
+        const std::uint64_t one = 1;
+        (void)!write(m_taskEventFd, &one, sizeof(one));
     });
 
     if (!StartBuiltinTasks() || !StartModules()) {
@@ -152,16 +171,25 @@ bool AgentRuntime::StartModules() {
     return true;
 }
 
+// Sleeps until a signal, a policy change, a task event or the next deadline: nothing wakes the
+// control loop of an idle agent but the status file's interval.
 void AgentRuntime::ServeUntilStopped() {
-    auto nextPoll = Clock::now() + std::chrono::milliseconds(kPolicyPollIntervalMs);
-    auto nextReclaim = Clock::now() + std::chrono::milliseconds(kReclaimIntervalMs);
-    auto nextStatus = Clock::now() + std::chrono::milliseconds(kStatusIntervalMs);
+    auto nextStatus = Clock::now() + Millis(kStatusIntervalMs);
+    auto nextReclaim = Clock::time_point::max();
     for (;;) {
-        // Task events are taken at the next wake-up (at most a poll interval later), which is soon
-        // enough for restarts planned in seconds.
+        if (m_engine.GetRetiredPolicyCount() == 0) {
+            nextReclaim = Clock::time_point::max();
+        } else if (nextReclaim == Clock::time_point::max()) {
+            nextReclaim = Clock::now() + Millis(kReclaimIntervalMs);
+        }
         const Clock::time_point wake =
-            std::min({nextPoll, nextReclaim, nextStatus, m_supervisor.NextDeadline()});
-        int signal = WaitForControlSignal(MillisecondsUntil(wake));
+            std::min({nextStatus, nextReclaim, m_supervisor.NextDeadline(), m_feed->NextPollDue(),
+                      SDK::LoggerUtils::GetInstance()->NextSummaryDue()});
+        pollfd waits[] = {
+            {m_signalFd, POLLIN, 0}, {m_feed->GetChangeFd(), POLLIN, 0}, {m_taskEventFd, POLLIN, 0}};
+        poll(waits, sizeof(waits) / sizeof(waits[0]), MillisecondsUntil(wake));  // EINTR: look again
+
+        const int signal = ReadControlSignal(m_signalFd);
         if (signal == SIGINT || signal == SIGTERM) {
             SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] Signal %d received, shutting down",
                          signal);
@@ -175,14 +203,16 @@ void AgentRuntime::ServeUntilStopped() {
         if (signal == SIGUSR1) {
             ReopenFiles();
         }
-        if (Clock::now() >= nextPoll) {
-            m_feed->Poll();
-            nextPoll = Clock::now() + std::chrono::milliseconds(kPolicyPollIntervalMs);
+        if ((waits[1].revents & POLLIN) != 0) {
+            m_feed->HandleChanges();
         }
+        m_feed->PollUnwatched();
         if (Clock::now() >= nextReclaim) {
             m_engine.ReclaimPolicies();
-            nextReclaim = Clock::now() + std::chrono::milliseconds(kReclaimIntervalMs);
+            nextReclaim = Clock::time_point::max();
         }
+        std::uint64_t count = 0;
+        (void)!read(m_taskEventFd, &count, sizeof(count));  // events are taken below in any case
         HandleTaskEvents();
         RestartDueTasks();
         RenewDueTasks();
@@ -190,7 +220,7 @@ void AgentRuntime::ServeUntilStopped() {
         SDK::LoggerUtils::GetInstance()->FlushSuppressedLines(false);
         if (m_statusDue || Clock::now() >= nextStatus) {
             WriteStatus();
-            nextStatus = Clock::now() + std::chrono::milliseconds(kStatusIntervalMs);
+            nextStatus = Clock::now() + Millis(kStatusIntervalMs);
         }
     }
 }

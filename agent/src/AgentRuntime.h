@@ -85,6 +85,8 @@ private:
     std::vector<Framework::Engine::TaskEvent> m_events;
     std::map<std::string, Delivery> m_deliveries;  // by feature key
     std::chrono::system_clock::time_point m_startedAt;
+    int m_signalFd = -1;     // readable when a control signal is pending
+    int m_taskEventFd = -1;  // eventfd: task events wait in m_events
     bool m_statusDue = true;
     std::string m_statusProblem;  // last status write failure, logged once
 };

@@ -6,15 +6,16 @@ namespace HostAgent {
 
 // Every tunable of the agent process, with the reason for its value.
 
-// Policy files are looked at once a second: an edit is delivered well within five seconds, and
-// reading a few small files a second costs nothing.
+// Policy files are followed through inotify; one whose folder cannot be watched (yet) is looked at
+// this often instead: an edit is still delivered well within five seconds.
 constexpr long kPolicyPollIntervalMs = 1000;
 
-// Retired policies are freed about once a second, so a burst of deliveries does not pile them up.
+// Retired policies are freed at each delivery and, while some still wait for their tasks' marks,
+// about this often, so a burst of deliveries does not pile them up; an idle agent does not look.
 constexpr long kReclaimIntervalMs = 1000;
 
-// The socket cache is rebuilt every five seconds: the port-scan module reads it at most once a
-// minute, and a full netlink dump plus a /proc walk every five seconds stays far below 1% CPU.
+// The socket cache is rebuilt when it is read and older than this: the port-scan module reads it at
+// most a few times a minute, and an idle agent then does no netlink dump or /proc walk at all.
 constexpr long kNetProcRefreshMs = 5000;
 
 // A policy is a small JSON document; anything larger than this is a mistake, not a policy.

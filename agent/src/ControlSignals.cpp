@@ -1,9 +1,10 @@
 #include "ControlSignals.h"
 
 #include <pthread.h>
-#include <cerrno>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
 #include <csignal>
-#include <ctime>
 
 namespace HostAgent {
 
@@ -27,13 +28,15 @@ void BlockControlSignals() {
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-int WaitForControlSignal(long timeoutMs) {
+int OpenControlSignalFd() {
     sigset_t set = ControlSet();
-    timespec timeout{};
-    timeout.tv_sec = timeoutMs / 1000;
-    timeout.tv_nsec = (timeoutMs % 1000) * 1000000L;
-    int signal = sigtimedwait(&set, nullptr, &timeout);
-    return signal > 0 ? signal : 0;  // time-out (EAGAIN) or another signal's handler ran (EINTR)
+    return signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+}
+
+int ReadControlSignal(int fd) {
+    signalfd_siginfo info{};
+    const ssize_t got = read(fd, &info, sizeof(info));
+    return got == static_cast<ssize_t>(sizeof(info)) ? static_cast<int>(info.ssi_signo) : 0;
 }
 
 }  // namespace HostAgent

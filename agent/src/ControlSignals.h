@@ -10,7 +10,11 @@ namespace HostAgent {
 // inherits the mask and none of them takes the signals.
 void BlockControlSignals();
 
-// Waits up to `timeoutMs` for one of the four signals. Returns its number, or 0 on time-out.
-int WaitForControlSignal(long timeoutMs);
+// A non-blocking descriptor that becomes readable when one of the four signals is pending, so the
+// control loop can wait for signals and other events in one poll. -1 on failure (errno set).
+int OpenControlSignalFd();
+
+// Takes one pending signal from `fd`. Returns its number, or 0 when none is pending.
+int ReadControlSignal(int fd);
 
 }  // namespace HostAgent

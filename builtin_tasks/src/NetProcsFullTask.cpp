@@ -24,6 +24,9 @@ namespace {
 // never blocks the task (or its cancellation) for long.
 constexpr long kNetlinkTimeoutSeconds = 2;
 
+// The task's thread only waits for its cancellation; this bounds one wait, it is no timer.
+constexpr long kIdleWaitMs = 24L * 3600 * 1000;
+
 struct Table {
     int family;
     int protocol;
@@ -79,7 +82,16 @@ NetProcsFullTask::NetProcsFullTask(long refreshPeriodMs)
 NetProcsFullTask::~NetProcsFullTask() = default;
 
 void NetProcsFullTask::GetNetCacheMap(CacheMap& out) {
-    m_lastRead.store(std::chrono::steady_clock::now().time_since_epoch().count(), std::memory_order_relaxed);
+    const auto now = std::chrono::steady_clock::now();
+    m_lastRead.store(now.time_since_epoch().count(), std::memory_order_relaxed);
+    {
+        // A reader refreshes a cache that is too old; a reader that waited here for another's
+        // refresh finds it fresh and takes it as it is.
+        std::lock_guard<std::mutex> refreshing(m_refreshMutex);
+        if (now - m_refreshedAt >= std::chrono::milliseconds(m_refreshPeriodMs)) {
+            RefreshLocked();
+        }
+    }
     std::lock_guard<std::mutex> lock(m_mutex);
     out = m_cache;
 }
@@ -90,14 +102,21 @@ std::chrono::steady_clock::time_point NetProcsFullTask::GetLastReadTime() const 
 }
 
 bool NetProcsFullTask::RefreshNow() {
+    std::lock_guard<std::mutex> refreshing(m_refreshMutex);
+    return RefreshLocked();
+}
+
+bool NetProcsFullTask::RefreshLocked() {
+    // A failed refresh counts too: a kernel that cannot be asked is asked again a period later.
+    m_refreshedAt = std::chrono::steady_clock::now();
     std::vector<NetProcsMessage::netProcInfo> sockets;
     std::string error;
     if (!ReadSocketTables(sockets, error)) {
         if (error != m_refreshProblem) {
-            SDK_ROOT_LOG(
-                Poco::Message::PRIO_ERROR,
-                "[NetProcs] Cannot read the socket tables, cache kept: %s; trying again every %ld ms", error,
-                m_refreshPeriodMs);
+            SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
+                         "[NetProcs] Cannot read the socket tables, cache kept: %s; trying again at a read "
+                         "%ld ms later",
+                         error, m_refreshPeriodMs);
             m_refreshProblem = error;
         }
         return false;
@@ -145,9 +164,9 @@ bool NetProcsFullTask::Init() {
 }
 
 int NetProcsFullTask::Run() {
-    while (!isCancelled() && !sleep(m_refreshPeriodMs)) {
-        RefreshNow();
-        MarkActivity();
+    // Readers refresh the cache when they find it old, so the thread has nothing to do but wait
+    // for its cancellation (sleep() returns true at once then).
+    while (!isCancelled() && !sleep(kIdleWaitMs)) {
     }
     return 0;
 }

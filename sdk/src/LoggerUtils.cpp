@@ -103,6 +103,16 @@ public:
         Write(summaries);
     }
 
+    // When the first open window closes; its summary, if it has one, is due then.
+    BudgetClock::time_point NextClose() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        BudgetClock::time_point next = BudgetClock::time_point::max();
+        for (const auto& entry : m_windows) {
+            next = std::min(next, entry.second.start + kBudgetWindow);
+        }
+        return next;
+    }
+
 private:
     // The file name is copied: a module's library (where its __FILE__ text lives) may be closed
     // while a window is still open.
@@ -186,6 +196,11 @@ private:
 Poco::AutoPtr<Poco::Channel> Formatted(const Poco::AutoPtr<Poco::Channel>& sink) {
     Poco::AutoPtr<Poco::Channel> formatted(new Poco::FormattingChannel(new LineFormatter, sink));
     return new BudgetChannel(formatted);
+}
+
+BudgetClock::time_point NextBudgetClose(Poco::AutoPtr<Poco::Channel> channel) {
+    auto* budget = dynamic_cast<BudgetChannel*>(channel.get());
+    return budget != nullptr ? budget->NextClose() : BudgetClock::time_point::max();
 }
 
 void FlushBudget(Poco::AutoPtr<Poco::Channel> channel, bool all) {
@@ -421,21 +436,36 @@ Poco::Logger* LoggerUtils::GetModuleLogger(const std::string& name, bool separat
     return logger;
 }
 
-void LoggerUtils::FlushSuppressedLines(bool all) {
+namespace {
+
+// The channels with a budget: the common one and every module's own.
+std::vector<Poco::AutoPtr<Poco::Channel>> BudgetedChannels() {
     std::vector<Poco::AutoPtr<Poco::Channel>> channels;
-    {
-        LoggerState& state = State();
-        std::lock_guard<std::mutex> lock(state.mutex);
-        channels.push_back(state.common);
-        for (const auto& entry : state.modules) {
-            if (!entry.second.ownChannel.isNull()) {
-                channels.push_back(entry.second.ownChannel);
-            }
+    LoggerState& state = State();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    channels.push_back(state.common);
+    for (const auto& entry : state.modules) {
+        if (!entry.second.ownChannel.isNull()) {
+            channels.push_back(entry.second.ownChannel);
         }
     }
-    for (const auto& channel : channels) {
+    return channels;
+}
+
+}  // namespace
+
+void LoggerUtils::FlushSuppressedLines(bool all) {
+    for (const auto& channel : BudgetedChannels()) {
         FlushBudget(channel, all);
     }
+}
+
+std::chrono::steady_clock::time_point LoggerUtils::NextSummaryDue() {
+    BudgetClock::time_point next = BudgetClock::time_point::max();
+    for (const auto& channel : BudgetedChannels()) {
+        next = std::min(next, NextBudgetClose(channel));
+    }
+    return next;
 }
 
 int LoggerUtils::GetLevel() const {

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <memory>
 #include <optional>
 
@@ -18,6 +19,8 @@ using namespace TestSupport;
 
 // Generous, because sanitizer builds are slow; a pass is quick.
 constexpr Millis kWait(15000);
+// How soon an edit of a policy file reaches the module, without any signal.
+constexpr Millis kEditSeen(5000);
 
 std::string Policy(const std::string& marker, int count = 1, int burstOnStop = 0) {
     return R"({"marker": ")" + marker + R"(", "count": )" + std::to_string(count) + R"(, "burst_on_stop": )" +
@@ -52,8 +55,9 @@ struct Agent {
             std::vector<std::string>{HOSTAGENT_BIN, "--config", m_dir.File("agent.json")}, "",
             m_dir.File("stdout"), m_dir.File("stderr"));
     }
-    bool WaitFor(const std::string& marker, std::size_t count) {
-        return WaitUntil([&] { return Count(m_dir.File("alarms.jsonl"), marker, "policy") >= count; }, kWait);
+    bool WaitFor(const std::string& marker, std::size_t count, Millis within = kWait) {
+        return WaitUntil([&] { return Count(m_dir.File("alarms.jsonl"), marker, "policy") >= count; },
+                         within);
     }
     std::optional<int> Terminate() {
         m_child->Signal(SIGTERM);
@@ -73,8 +77,18 @@ TEST(AgentProcessTest, ReportsEventsAndFollowsPolicyEdits) {
     WriteFile(agent.m_dir.File("test.json"), "{\"a\": " + DeeplyNested() + "}");
     ASSERT_TRUE(WaitUntil([&] { return agent.Log().find("nested too deeply") != std::string::npos; }, kWait))
         << agent.Log();
-    WriteFile(agent.m_dir.File("test.json"), Policy("second"));  // noticed by polling, no signal
-    ASSERT_TRUE(agent.WaitFor("second", 1)) << agent.Log();
+    // Edits are noticed without a signal: in place, and by rename into place as editors do, also
+    // after the file was gone for a while (the last good policy stays meanwhile).
+    const std::string policy = agent.m_dir.File("test.json");
+    WriteFile(policy, Policy("second"));
+    ASSERT_TRUE(agent.WaitFor("second", 1, kEditSeen)) << agent.Log();
+    ASSERT_EQ(std::remove(policy.c_str()), 0);
+    ASSERT_TRUE(WaitUntil([&] { return agent.Log().find("Cannot read policy file") != std::string::npos; },
+                          kEditSeen))
+        << agent.Log();
+    WriteFile(policy + ".new", Policy("third"));
+    ASSERT_EQ(std::rename((policy + ".new").c_str(), policy.c_str()), 0);
+    ASSERT_TRUE(agent.WaitFor("third", 1, kEditSeen)) << agent.Log();
     EXPECT_EQ(agent.Terminate(), 0) << agent.Log();
     std::size_t deepLines = 0;
     for (const std::string& line : ReadLines(agent.m_dir.File("stderr"))) {
@@ -82,8 +96,9 @@ TEST(AgentProcessTest, ReportsEventsAndFollowsPolicyEdits) {
     }
     EXPECT_EQ(deepLines, 1u) << agent.Log();
     for (const char* sink : {"alarms.jsonl", "stdout"}) {
-        EXPECT_EQ(ReadLines(agent.m_dir.File(sink)).size(), 2u) << sink;
+        EXPECT_EQ(ReadLines(agent.m_dir.File(sink)).size(), 3u) << sink;
         EXPECT_EQ(Count(agent.m_dir.File(sink), "second", "policy"), 1u) << sink;
+        EXPECT_EQ(Count(agent.m_dir.File(sink), "third", "policy"), 1u) << sink;
     }
 }
 

@@ -79,24 +79,32 @@ struct LoopbackSocket {
 };
 
 TEST(NetProcsFullTaskTest, SeesLoopbackListenersAndDropsThemOnceClosed) {
-    NetProcsFullTask task(60000);
-    for (const auto& [type, protocol] : {std::pair{SOCK_STREAM, 0u}, {SOCK_DGRAM, 1u}}) {
-        SCOPED_TRACE(protocol);
-        auto sock = std::make_unique<LoopbackSocket>(type);
-        ASSERT_TRUE(sock->m_ok);
-        const long inode = sock->m_inode;
-        NetProcsFullTask::CacheMap cache;
-        ASSERT_TRUE(task.RefreshNow());
-        task.GetNetCacheMap(cache);
-        ASSERT_EQ(cache.count(inode), 1u);
-        EXPECT_EQ(cache[inode]->protocol, protocol);
-        EXPECT_EQ(cache[inode]->localPort, sock->m_port);
-        EXPECT_EQ(cache[inode]->localAddress, "127.0.0.1");
-        EXPECT_EQ(cache[inode]->pid, static_cast<int>(getpid()));
-        sock.reset();
-        ASSERT_TRUE(task.RefreshNow());
-        task.GetNetCacheMap(cache);
-        EXPECT_EQ(cache.count(inode), 0u);
+    // A read refreshes a cache older than the period: with 0 every read does; with a minute only
+    // RefreshNow does, and a read in between keeps what the last refresh saw.
+    for (const long period : {0L, 60000L}) {
+        NetProcsFullTask task(period);
+        for (const auto& [type, protocol] : {std::pair{SOCK_STREAM, 0u}, {SOCK_DGRAM, 1u}}) {
+            SCOPED_TRACE(std::to_string(period) + " ms, protocol " + std::to_string(protocol));
+            auto sock = std::make_unique<LoopbackSocket>(type);
+            ASSERT_TRUE(sock->m_ok);
+            const long inode = sock->m_inode;
+            NetProcsFullTask::CacheMap cache;
+            if (period != 0) {
+                ASSERT_TRUE(task.RefreshNow());
+            }
+            task.GetNetCacheMap(cache);
+            ASSERT_EQ(cache.count(inode), 1u);
+            EXPECT_EQ(cache[inode]->protocol, protocol);
+            EXPECT_EQ(cache[inode]->localPort, sock->m_port);
+            EXPECT_EQ(cache[inode]->localAddress, "127.0.0.1");
+            EXPECT_EQ(cache[inode]->pid, static_cast<int>(getpid()));
+            sock.reset();
+            task.GetNetCacheMap(cache);
+            EXPECT_EQ(cache.count(inode), period == 0 ? 0u : 1u);
+            ASSERT_TRUE(task.RefreshNow());
+            task.GetNetCacheMap(cache);
+            EXPECT_EQ(cache.count(inode), 0u);
+        }
     }
 }
 

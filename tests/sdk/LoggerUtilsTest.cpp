@@ -68,8 +68,15 @@ TEST(LoggerUtilsTest, BurstFromOneSourceLineIsCappedAndSummarised) {
     for (int i = 0; i < 80; ++i) {
         module->log(Poco::Message(module->name(), "sourceless", Poco::Message::PRIO_INFORMATION));
     }
+    // The summary falls due when the window closes, a minute after its first line; a flush that
+    // closes every window leaves nothing due.
+    const auto due = LoggerUtils::GetInstance()->NextSummaryDue();
+    const auto now = std::chrono::steady_clock::now();
+    EXPECT_GT(due, now + std::chrono::seconds(50));
+    EXPECT_LE(due, now + std::chrono::seconds(60));
     const std::vector<std::string> before = TestSupport::ReadLines(dir.File("agent.log"));
     LoggerUtils::GetInstance()->FlushSuppressedLines(true);
+    EXPECT_EQ(LoggerUtils::GetInstance()->NextSummaryDue(), std::chrono::steady_clock::time_point::max());
     const std::vector<std::string> lines = TestSupport::ReadLines(dir.File("agent.log"));
 
     std::vector<std::string> failing;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 
 namespace Poco {
@@ -42,6 +43,9 @@ public:
     // next line of that source comes after its window, or here: for every window that has closed,
     // or for all of them with `all` (before the log is closed).
     void FlushSuppressedLines(bool all);
+    // When FlushSuppressedLines(false) may next have a summary to write (a window closes);
+    // time_point::max() while no window is open.
+    std::chrono::steady_clock::time_point NextSummaryDue();
 
     // The configured level as a Poco::Message priority number (3 error ... 7 debug).
     int GetLevel() const;
