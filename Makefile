@@ -47,7 +47,7 @@ run: build
 # Every test, then the unit tests again under AddressSanitizer + UndefinedBehaviorSanitizer, the
 # concurrency stress tests under ThreadSanitizer, and a few seconds of every fuzz target.
 check: build
-	cd $(BUILD) && ctest --output-on-failure --timeout 600 | tee ctest.log
+	cd $(BUILD) && ctest --output-on-failure --timeout 600 -j2 | tee ctest.log
 	$(MAKE) test-asan test-tsan fuzz-smoke
 	@cat $(BUILD)/ctest.log $(ASAN_BUILD)/ctest.log $(TSAN_BUILD)/ctest.log $(FUZZ_BUILD)/ctest.log \
 	  | awk '/tests passed, [0-9]+ tests failed out of/ { failed += $$4; total += $$NF } \

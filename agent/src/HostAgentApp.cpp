@@ -55,7 +55,8 @@ Signals:
                        (or kept in the TCP syslog spool) before the agent exits with status 0
 
 Files:
-  policy files         looked at every second; a changed file is delivered again; a file that
+  policy files         followed through inotify on their folders (edits in place and by rename);
+                       a changed file is delivered again within seconds; a file that
                        cannot be read is logged and retried; one that is not a JSON object is
                        delivered with a warning (the module reports its errors; --check-config
                        refuses it)
