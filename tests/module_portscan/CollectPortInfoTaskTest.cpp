@@ -344,37 +344,29 @@ TEST_F(CollectTaskTest, PortsFreezeAtTheTwentyFirstPacketOrTheFifthAlarmingHost)
 
 TEST_F(CollectTaskTest, MonitorListStateMachine) {
     using Ports = std::vector<std::pair<uint32_t, uint32_t>>;  // (port, type)
-    const std::string k8080 = R"({"port":8080,"type":1})";
     const struct {
-        std::string policy;
+        Ports policy;
         unsigned int frozen, inUdpUse;  // 0: none
         MONITOR_LIST_STATUS expected;
         Ports monitored;
     } steps[] = {
-        {R"({"port":8080,"type":0},{"port":9090,"type":1})",
-         0,
-         0,
-         MONITOR_LIST_CREATE,
-         {{8080, 0}, {9090, 1}}},
-        {R"({"port":8080,"type":0},{"port":9090,"type":1})",
-         0,
-         0,
-         MONITOR_LIST_NORMAL,
-         {{8080, 0}, {9090, 1}}},
-        {k8080 + R"(,{"port":9090,"type":1})",
-         0,
-         0,
-         MONITOR_LIST_NORMAL,
-         {{8080, 1}, {9090, 1}}},  // protocol moved
-        {k8080, 0, 0, MONITOR_LIST_CHANGE, {{8080, 1}}},
-        {k8080 + R"(,{"port":22,"type":0})", 22, 0, MONITOR_LIST_NORMAL, {{8080, 1}}},
-        {k8080 + R"(,{"port":22,"type":2})", 0, 22, MONITOR_LIST_CHANGE, {{22, 0}, {8080, 1}}},
-        {k8080, 0, 8080, MONITOR_LIST_CHANGE, {}},
-        {k8080, 8080, 0, MONITOR_LIST_CREATE, {}},  // after an empty list
+        {{{8080, 0}, {9090, 1}}, 0, 0, MONITOR_LIST_CREATE, {{8080, 0}, {9090, 1}}},
+        {{{8080, 0}, {9090, 1}}, 0, 0, MONITOR_LIST_NORMAL, {{8080, 0}, {9090, 1}}},
+        {{{8080, 1}, {9090, 1}}, 0, 0, MONITOR_LIST_NORMAL, {{8080, 1}, {9090, 1}}},  // protocol moved
+        {{{8080, 1}}, 0, 0, MONITOR_LIST_CHANGE, {{8080, 1}}},
+        {{{8080, 1}, {22, 0}}, 22, 0, MONITOR_LIST_NORMAL, {{8080, 1}}},
+        {{{8080, 1}, {22, 2}}, 0, 22, MONITOR_LIST_CHANGE, {{22, 0}, {8080, 1}}},
+        {{{8080, 1}}, 0, 8080, MONITOR_LIST_CHANGE, {}},
+        {{{8080, 1}}, 8080, 0, MONITOR_LIST_CREATE, {}},  // after an empty list
     };
     for (const auto& step : steps) {
         SCOPED_TRACE(&step - steps);
-        UsePolicy("[" + step.policy + "]");
+        std::string list;
+        for (const auto& port : step.policy) {
+            list += (list.empty() ? "" : ",") + std::string(R"({"port":)") + std::to_string(port.first) +
+                    R"(,"type":)" + std::to_string(port.second) + "}";
+        }
+        UsePolicy("[" + list + "]");
         Peer().BanPortMap().clear();
         if (step.frozen != 0) {
             Peer().BanPortMap()[step.frozen] = kStart;
