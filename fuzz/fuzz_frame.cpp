@@ -1,6 +1,6 @@
 // The frame parser, on an exact-length heap copy of the input (reads past it are caught by ASan)
 // and on the capture loop's zero-padded 100-byte buffer, judged against a plain reading of the
-// frame layout.
+// frame layout: ports, protocol, flag names, addresses, and what a refusal leaves untouched.
 #include "FuzzSupport.h"
 #include "PortScanModule.h"
 #include "SocketUtil.h"
@@ -32,12 +32,18 @@ struct Expected {
 
 Expected Reference(const unsigned char* frame, std::size_t length) {
     using FuzzSupport::Load;
-    // A refused frame leaves the ports, type and flag as Judge set them.
-    Expected e{false, Load<in_addr_t>(frame + 30), Load<in_addr_t>(frame + 26), 7, 7, 7, "before"};
+    // Refused, the record keeps what Judge put there, but for the addresses of a frame of another
+    // protocol: those are written before the protocol is looked at.
+    Expected e{false, 0, 0, 7, 7, 7, "before"};
     const int protocol = frame[23];
     const std::size_t t = 14 + 4 * (frame[14] & 0x0f);
     const std::size_t needed = protocol == IPPROTO_TCP ? 14 : 4;
-    if ((protocol != IPPROTO_TCP && protocol != IPPROTO_UDP) || t + needed > length) {
+    const bool known = protocol == IPPROTO_TCP || protocol == IPPROTO_UDP;
+    if (known && t + needed > length) {
+        return e;
+    }
+    e.local = Load<in_addr_t>(frame + 30), e.remote = Load<in_addr_t>(frame + 26);
+    if (!known) {
         return e;
     }
     e.parsed = true;
@@ -60,10 +66,7 @@ Expected Reference(const unsigned char* frame, std::size_t length) {
 void Judge(char* frame, std::size_t length) {
     Engine::PacketNode node{{0}, 7, {0}, 7, 7, "before"};
     const bool parsed = Engine::SocketUtil::ParsePacket(frame, length, &node);
-    Expected want = Reference(reinterpret_cast<unsigned char*>(frame), length);
-    if (!want.parsed) {  // whether the addresses are written depends on the reason of the refusal
-        want.local = node.localAddress.s_addr, want.remote = node.remoteAddress.s_addr;
-    }
+    const Expected want = Reference(reinterpret_cast<unsigned char*>(frame), length);
     const Expected got{parsed,         node.localAddress.s_addr, node.remoteAddress.s_addr,
                        node.localPort, node.remotePort,          node.type,
                        node.flag};

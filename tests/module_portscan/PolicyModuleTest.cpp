@@ -107,7 +107,6 @@ TEST(PortScanPolicy, FailedTaskPoliciesDoNotPileUp) {
     std::string task = Ports(50);
     task.replace(0, std::string(R"({"task_condition":{},)").size(), "{");
     const std::string failing = Feature(task);
-    ASSERT_EQ(failing.find("task_condition"), std::string::npos);
     auto deliver = [&](int times) {
         for (int i = 0; i < times; ++i) {
             Engine::PortScanPolicy feature("portscan_info_collect");
