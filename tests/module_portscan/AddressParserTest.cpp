@@ -1,6 +1,7 @@
-// Address arithmetic, white lists and the packet parser's length guard, table by table (the
-// parser's results and the netlink reply check are judged by fuzz_frame and fuzz_sockdiag). Rows are
-// traced by their index.
+// Address arithmetic, white lists and the packet parser's length guard, table by table: the forms
+// and results the fuzz targets' references do not judge (mask forms, refusals, quirks); fuzz_address,
+// fuzz_frame and fuzz_sockdiag judge plain blocks and lists, parsed frames and netlink headers. Rows
+// are traced by their index.
 
 #include "IPUtil.h"
 #include "SocketUtil.h"
@@ -30,12 +31,9 @@ unsigned int Host(const char* dotted) {
 TEST(PortScanAddress, TransforIp) {
     // text, first and last address of the block; null: refused.
     const char* const cases[][3] = {
-        {"10.1.2.3/8", "10.0.0.0", "10.255.255.255"},
-        {"10.1.2.3/32", "10.1.2.3", "10.1.2.3"},
         {"10.1.2.3/255.255.255.255", "10.1.2.3", "10.1.2.3"},
         {"10.1.2.3/255.0.255.0", "10.0.0.0", "10.255.255.255"},  // leading ones only: /8
         {"\t 192.168.7.9/24 ", "192.168.7.0", "192.168.7.255"},
-        {"0.0.0.0/0", "0.0.0.1", "255.255.255.255"},  // a /0 block starts at 1
         {"255.255.255.255", nullptr, nullptr},
         {"10.0.0.1/33", nullptr, nullptr},
         {"10.0.0.1/abc", nullptr, nullptr},
@@ -53,8 +51,6 @@ TEST(PortScanAddress, TransforIp) {
 TEST(PortScanAddress, TransforIp6) {
     // text, first and last address; "": refused.
     const std::string cases[][3] = {
-        {"::1", kZeros.substr(1) + "1", kZeros.substr(1) + "1"},
-        {"2001:db8::/32", "20010db8" + kZeros.substr(8), "20010db8" + kOnes.substr(8)},
         {"::/0", "", kOnes},
         {"2001:db8::/129", "", ""},
         {"2001:db8::/-1", "", ""},
@@ -78,18 +74,10 @@ TEST(PortScanWhiteList, ParseAndMatch) {
         bool white;
     };
     const Case cases[] = {
-        {"10.0.0.1, 192.168.0.0/16 ,172.16.1.1-172.16.1.9",
-         {{Host("10.0.0.1"), Host("10.0.0.1")},
-          {Host("192.168.0.0"), Host("192.168.255.255")},
-          {Host("172.16.1.1"), Host("172.16.1.9")}},
-         "172.16.1.9",
-         true},
-        {"all", {{0u, 0xFFFFFFFFu}}, "0.0.0.0", true},
         {"all", {{0u, 0xFFFFFFFFu}}, "255.255.255.255", false},
         {"ALL", {}, "10.0.0.1", false},
         {"any", {}, "10.0.0.1", false},
         {",,,", {}, "10.0.0.1", false},
-        {"10.0.0.9-10.0.0.1", {{Host("10.0.0.9"), Host("10.0.0.1")}}, "10.0.0.5", false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
@@ -102,11 +90,6 @@ TEST(PortScanWhiteList, ParseAndMatch) {
         EXPECT_EQ(c.ranges, parsed);
         EXPECT_EQ(c.white, IPUtil::IsWhiteIpList(c.probe, ranges));
     }
-    std::vector<Engine::IP6_RANGE> ranges6;
-    ASSERT_TRUE(IPUtil::parse_ip6_ranges("fe80::/64", ranges6));
-    ASSERT_EQ(1u, ranges6.size());
-    EXPECT_EQ("fe80" + kZeros.substr(4), ranges6[0].start);
-    EXPECT_EQ("fe80000000000000" + kOnes.substr(16), ranges6[0].end);
 }
 
 // Ethernet + IPv4 (ihl words, options as NOPs) + a TCP, UDP or ICMP header, 10.0.0.5:40000 ->
