@@ -599,7 +599,8 @@ TEST_F(CollectTaskTest, Ipv6FramesShareRecordsBudgetAndAlarmDocuments) {
         ++sent;
         ASSERT_TRUE(Poll([&] { return m_log->CountContaining("[SocketUtil] GET PACKET") == sent; }));
         EXPECT_TRUE(Poll([&] { return m_log->CountContaining(alarm) == alarms; }));
-        EXPECT_EQ(frozen, Peer().BanPortMap().count(2501) == 1);
+        // The port is frozen just after the alarm line is written: wait for it too.
+        EXPECT_TRUE(Poll([&, frozen = frozen] { return (Peer().BanPortMap().count(2501) == 1) == frozen; }));
     }
     EXPECT_EQ(2u, m_log->Count("[PortScan] white ip found (fd00:78::3)"));  // once per classifier
     capture.Send(Frame(2501, false, "fd00:78::2"), 1, true);
