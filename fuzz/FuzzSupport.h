@@ -1,8 +1,11 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
+#include <vector>
 
 namespace FuzzSupport {
 
@@ -16,6 +19,21 @@ void QuietLogs(void (*createLoggers)() = nullptr);
 
 inline std::string Text(const uint8_t* data, std::size_t size) {
     return std::string(reinterpret_cast<const char*>(data), size);
+}
+
+// A field of a wire structure, in the byte order it has there (the input may be unaligned).
+template <typename T>
+T Load(const unsigned char* p) {
+    T value;
+    std::memcpy(&value, p, sizeof(value));
+    return value;
+}
+
+// The same address ranges (anything with a start and an end) in the same order.
+template <typename Range>
+bool SameRanges(const std::vector<Range>& a, const std::vector<Range>& b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [](const Range& x, const Range& y) { return x.start == y.start && x.end == y.end; });
 }
 
 }  // namespace FuzzSupport

@@ -57,32 +57,24 @@ void JudgeParsedTask(const Engine::PortScanTaskPolicy& task, const Json::Value& 
     const auto named = NamedPairs(list);
     const auto& records = task.GetPolicyPortSet();
     FUZZ_CHECK(records.size() <= 2 * list.size(), std::to_string(records.size()) + " records");
+    std::set<std::pair<uint32_t, uint32_t>> pairs;
     for (const auto& record : records) {
-        FUZZ_CHECK(
-            named.count({record.port, record.type}) == 1,
-            "record " + std::to_string(record.port) + "/" + std::to_string(record.type) + " not named");
         FUZZ_CHECK(record.alarmNum == 0 && record.pkgNum == 0 && record.ipNum == 0 && !record.isUsed &&
                        record.alarmInfos.empty() && record.remoteIps.empty(),
                    "a new record with counters");
+        pairs.insert({record.port, record.type});
     }
-    for (const auto& [port, type] : named) {
-        bool found = false;
-        for (const auto& record : records) {
-            found = found || (record.port == port && record.type == type);
-        }
-        FUZZ_CHECK(found, "named pair " + std::to_string(port) + "/" + std::to_string(type) + " missing");
+    FUZZ_CHECK(pairs == named, std::to_string(pairs.size()) + " (port, type) pairs kept of " +
+                                   std::to_string(named.size()) + " named");
+    const std::pair<uint32_t, int> numbers[] = {
+        {task.GetMaxPortPkgNum(), JsonUtils::GetIntValue(root, "port_package_max_num", 20)},
+        {task.GetPortMaxIpNum(), JsonUtils::GetIntValue(root, "port_ip_max_num", 4)},
+        {task.GetMaxPktCount(), JsonUtils::GetIntValue(root, "package_max_num", 1000)},
+        {task.GetMaxLogNum(), JsonUtils::GetIntValue(root, "alarm_max_num", 1)}};
+    for (const auto& [value, given] : numbers) {
+        FUZZ_CHECK(value == static_cast<uint32_t>(given),
+                   std::to_string(value) + " for " + std::to_string(given));
     }
-    FUZZ_CHECK(task.GetMaxPortPkgNum() ==
-                   static_cast<uint32_t>(JsonUtils::GetIntValue(root, "port_package_max_num", 20)),
-               "port_package_max_num");
-    FUZZ_CHECK(
-        task.GetPortMaxIpNum() == static_cast<uint32_t>(JsonUtils::GetIntValue(root, "port_ip_max_num", 4)),
-        "port_ip_max_num");
-    FUZZ_CHECK(
-        task.GetMaxPktCount() == static_cast<uint32_t>(JsonUtils::GetIntValue(root, "package_max_num", 1000)),
-        "package_max_num");
-    FUZZ_CHECK(task.GetMaxLogNum() == static_cast<uint32_t>(JsonUtils::GetIntValue(root, "alarm_max_num", 1)),
-               "alarm_max_num");
     FUZZ_CHECK(
         task.IsBindMasterIntf() == JsonUtils::GetBoolValue(root, "only_master_interface", false) &&
             task.IsChkBeforAlarm() == JsonUtils::GetBoolValue(root, "check_port_before_alarm", false) &&
@@ -93,11 +85,7 @@ void JudgeParsedTask(const Engine::PortScanTaskPolicy& task, const Json::Value& 
     if (!white.empty()) {
         FUZZ_CHECK(Engine::IPUtil::parse_ip_ranges(white.c_str(), ranges), "white list parsed only once");
     }
-    const auto& kept = task.GetWhileIpList();
-    FUZZ_CHECK(kept.size() == ranges.size(), "white list size");
-    for (std::size_t i = 0; i < kept.size(); ++i) {
-        FUZZ_CHECK(kept[i].start == ranges[i].start && kept[i].end == ranges[i].end, "white list range");
-    }
+    FUZZ_CHECK(FuzzSupport::SameRanges(task.GetWhileIpList(), ranges), "white list");
 }
 
 }  // namespace

@@ -12,24 +12,13 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 namespace {
 
 constexpr std::size_t kReceiveBuffer = 8192;
 int g_sockets[2] = {-1, -1};
-
-uint32_t Word(const unsigned char* p) {
-    uint32_t word;
-    std::memcpy(&word, p, 4);
-    return word;
-}
-
-uint16_t Half(const unsigned char* p) {
-    uint16_t half;
-    std::memcpy(&half, p, 2);
-    return half;
-}
 
 std::vector<Engine::RouteTable> Reference(const uint8_t* data, std::size_t size) {
     // The reader looks at a route header even behind a short last message: zeroes there.
@@ -39,7 +28,7 @@ std::vector<Engine::RouteTable> Reference(const uint8_t* data, std::size_t size)
     long left = static_cast<long>(size);
     std::size_t at = 0;
     while (left >= 16) {
-        const uint32_t length = Word(&buffer[at]);
+        const uint32_t length = FuzzSupport::Load<uint32_t>(&buffer[at]);
         if (length < 16 || length > static_cast<unsigned long>(left)) {
             break;
         }
@@ -50,8 +39,8 @@ std::vector<Engine::RouteTable> Reference(const uint8_t* data, std::size_t size)
             long attributeLeft = static_cast<long>(length) - 28;
             std::size_t a = at + 28;
             while (attributeLeft >= 4) {
-                const uint16_t attributeLength = Half(&buffer[a]);
-                const uint16_t type = Half(&buffer[a + 2]);
+                const uint16_t attributeLength = FuzzSupport::Load<uint16_t>(&buffer[a]);
+                const uint16_t type = FuzzSupport::Load<uint16_t>(&buffer[a + 2]);
                 if (attributeLength < 4 || attributeLength > attributeLeft) {
                     break;
                 }
@@ -105,12 +94,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const std::vector<Engine::RouteTable> expected = Reference(data, size);
     FUZZ_CHECK(routes.size() == expected.size() + 1,
                std::to_string(routes.size() - 1) + " routes, expected " + std::to_string(expected.size()));
+    auto fields = [](const Engine::RouteTable& r) {
+        return std::tie(r.dstLen, r.ifIndex, r.metrics, r.dst, r.gateway, r.ifName);
+    };
     for (std::size_t i = 0; i < expected.size(); ++i) {
-        const Engine::RouteTable& got = routes[i + 1];
-        const Engine::RouteTable& want = expected[i];
-        FUZZ_CHECK(got.dstLen == want.dstLen && got.ifIndex == want.ifIndex && got.metrics == want.metrics &&
-                       got.dst == want.dst && got.gateway == want.gateway && got.ifName == want.ifName,
-                   "route " + std::to_string(i));
+        FUZZ_CHECK(fields(routes[i + 1]) == fields(expected[i]), "route " + std::to_string(i));
     }
     return 0;
 }

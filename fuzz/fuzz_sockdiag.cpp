@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -131,14 +132,12 @@ void JudgeDump(const uint8_t* data, std::size_t size) {
     const bool exact = end != kOpen || g_emptyNamespace;
     FUZZ_CHECK(exact ? sockets.size() == expected.size() : sockets.size() >= expected.size(),
                std::to_string(sockets.size()) + " sockets, expected " + std::to_string(expected.size()));
+    auto fields = [](const Engine::NetProcsMessage::netProcInfo& s) {
+        return std::tie(s.protocol, s.localPort, s.remotePort, s.localAddress, s.remoteAddress, s.state,
+                        s.inode);
+    };
     for (std::size_t i = 0; i < expected.size(); ++i) {
-        const auto& got = sockets[i];
-        const auto& want = expected[i];
-        FUZZ_CHECK(got.protocol == want.protocol && got.localPort == want.localPort &&
-                       got.remotePort == want.remotePort && got.localAddress == want.localAddress &&
-                       got.remoteAddress == want.remoteAddress && got.state == want.state &&
-                       got.inode == want.inode,
-                   "socket " + std::to_string(i));
+        FUZZ_CHECK(fields(sockets[i]) == fields(expected[i]), "socket " + std::to_string(i));
     }
 }
 

@@ -16,8 +16,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <memory>
+#include <numeric>
 #include <regex>
 #include <string>
 #include <vector>
@@ -72,20 +74,12 @@ public:
         }
     }
 
-    // Frames received until `count` arrived or `timeout` passed; a bad length fails the test.
-    std::vector<std::string> Frames(std::size_t count, Millis timeout) {
-        WaitUntil(
-            [&] {
-                Pump();
-                return m_frames.size() >= count;
-            },
-            timeout);
-        return m_frames;
-    }
-    // True when the sender closed its end, after reading what was left.
+    // True when the sender closed its end, after reading what was left into m_frames; a bad
+    // length fails the test.
     bool SenderClosed(Millis timeout) {
         return WaitUntil([&] { return Pump() == 0; }, timeout);
     }
+    std::vector<std::string> m_frames;
 
     bool m_ok = false;
     unsigned m_port = 0;
@@ -122,7 +116,6 @@ private:
     int m_listener = -1;
     int m_peer = -1;
     std::string m_buffer;
-    std::vector<std::string> m_frames;
 };
 
 // The seq of an RFC 5424 message whose header is what the agent promises and whose MSG is the
@@ -166,12 +159,11 @@ TEST(ReportSinkFaultsTest, TcpSyslogSpoolsWhileTheCollectorIsDownAndSendsEachAla
     ReportAndStop({sink}, alarms);
     EXPECT_EQ(logs.CountContaining("Cannot send alarms to syslog collector"), 1u);
     ASSERT_EQ(logs.CountContaining("oldest alarm(s) dropped"), 1u);
-    std::size_t dropped = 0;
-    for (const std::string& text : logs.Texts()) {
-        if (text.find("oldest alarm(s) dropped") != std::string::npos) {
-            dropped = std::stoul(text.substr(text.rfind(": ") + 2));
-        }
-    }
+    const std::vector<std::string> texts = logs.Texts();
+    const std::string line = *std::find_if(texts.begin(), texts.end(), [](const std::string& text) {
+        return text.find("oldest alarm(s) dropped") != std::string::npos;
+    });
+    const std::size_t dropped = std::stoul(line.substr(line.rfind(": ") + 2));
     ASSERT_GT(dropped, 0u);
     ASSERT_LT(dropped, 20u);
     EXPECT_LE(ReadFile(sink.spool).size(), sink.spoolMaxBytes);
@@ -182,13 +174,11 @@ TEST(ReportSinkFaultsTest, TcpSyslogSpoolsWhileTheCollectorIsDownAndSendsEachAla
     ReportAndStop({sink}, {Alarm(20), Alarm(21)}, Millis(500));
     ASSERT_TRUE(collector.SenderClosed(Millis(10000)));
     std::vector<int> seqs;
-    for (const std::string& frame : collector.Frames(0, Millis(0))) {
+    for (const std::string& frame : collector.m_frames) {
         seqs.push_back(SeqOf(frame));
     }
-    std::vector<int> expected;
-    for (int seq = static_cast<int>(dropped); seq < 22; ++seq) {
-        expected.push_back(seq);
-    }
+    std::vector<int> expected(22 - dropped);
+    std::iota(expected.begin(), expected.end(), static_cast<int>(dropped));
     EXPECT_EQ(seqs, expected);
     EXPECT_EQ(ReadFile(sink.spool), "");
     EXPECT_EQ(logs.CountContaining("from spool"), 1u);

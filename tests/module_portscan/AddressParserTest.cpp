@@ -1,5 +1,7 @@
-// Address arithmetic, white lists, the packet parser and the netlink reply check, table by table.
-// Rows are traced by their index.
+// Address arithmetic, white lists and the packet parser's length guard, table by table: the forms
+// and results the fuzz targets' references do not judge (mask forms, refusals, quirks); fuzz_address,
+// fuzz_frame and fuzz_sockdiag judge plain blocks and lists, parsed frames and netlink headers. Rows
+// are traced by their index.
 
 #include "IPUtil.h"
 #include "SocketUtil.h"
@@ -7,7 +9,6 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <linux/sock_diag.h>
 
 #include <chrono>
 #include <cstring>
@@ -30,12 +31,9 @@ unsigned int Host(const char* dotted) {
 TEST(PortScanAddress, TransforIp) {
     // text, first and last address of the block; null: refused.
     const char* const cases[][3] = {
-        {"10.1.2.3/8", "10.0.0.0", "10.255.255.255"},
-        {"10.1.2.3/32", "10.1.2.3", "10.1.2.3"},
         {"10.1.2.3/255.255.255.255", "10.1.2.3", "10.1.2.3"},
         {"10.1.2.3/255.0.255.0", "10.0.0.0", "10.255.255.255"},  // leading ones only: /8
         {"\t 192.168.7.9/24 ", "192.168.7.0", "192.168.7.255"},
-        {"0.0.0.0/0", "0.0.0.1", "255.255.255.255"},  // a /0 block starts at 1
         {"255.255.255.255", nullptr, nullptr},
         {"10.0.0.1/33", nullptr, nullptr},
         {"10.0.0.1/abc", nullptr, nullptr},
@@ -53,8 +51,6 @@ TEST(PortScanAddress, TransforIp) {
 TEST(PortScanAddress, TransforIp6) {
     // text, first and last address; "": refused.
     const std::string cases[][3] = {
-        {"::1", kZeros.substr(1) + "1", kZeros.substr(1) + "1"},
-        {"2001:db8::/32", "20010db8" + kZeros.substr(8), "20010db8" + kOnes.substr(8)},
         {"::/0", "", kOnes},
         {"2001:db8::/129", "", ""},
         {"2001:db8::/-1", "", ""},
@@ -78,18 +74,10 @@ TEST(PortScanWhiteList, ParseAndMatch) {
         bool white;
     };
     const Case cases[] = {
-        {"10.0.0.1, 192.168.0.0/16 ,172.16.1.1-172.16.1.9",
-         {{Host("10.0.0.1"), Host("10.0.0.1")},
-          {Host("192.168.0.0"), Host("192.168.255.255")},
-          {Host("172.16.1.1"), Host("172.16.1.9")}},
-         "172.16.1.9",
-         true},
-        {"all", {{0u, 0xFFFFFFFFu}}, "0.0.0.0", true},
         {"all", {{0u, 0xFFFFFFFFu}}, "255.255.255.255", false},
         {"ALL", {}, "10.0.0.1", false},
         {"any", {}, "10.0.0.1", false},
         {",,,", {}, "10.0.0.1", false},
-        {"10.0.0.9-10.0.0.1", {{Host("10.0.0.9"), Host("10.0.0.1")}}, "10.0.0.5", false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
@@ -102,11 +90,6 @@ TEST(PortScanWhiteList, ParseAndMatch) {
         EXPECT_EQ(c.ranges, parsed);
         EXPECT_EQ(c.white, IPUtil::IsWhiteIpList(c.probe, ranges));
     }
-    std::vector<Engine::IP6_RANGE> ranges6;
-    ASSERT_TRUE(IPUtil::parse_ip6_ranges("fe80::/64", ranges6));
-    ASSERT_EQ(1u, ranges6.size());
-    EXPECT_EQ("fe80" + kZeros.substr(4), ranges6[0].start);
-    EXPECT_EQ("fe80000000000000" + kOnes.substr(16), ranges6[0].end);
 }
 
 // Ethernet + IPv4 (ihl words, options as NOPs) + a TCP, UDP or ICMP header, 10.0.0.5:40000 ->
@@ -125,38 +108,6 @@ std::vector<char> Frame(int protocol, int ihl, int flags) {
     return frame;
 }
 
-TEST(PortScanParser, FramesTable) {
-    struct Case {
-        int protocol, ihl, flags, type;  // type -1: refused
-        const char* flag;
-    };
-    const Case cases[] = {
-        {IPPROTO_TCP, 5, 0x02, 0, "SYN"},
-        {IPPROTO_TCP, 5, 0x04, 0, "RST"},
-        {IPPROTO_TCP, 5, 0x08, 0, "PSH"},
-        {IPPROTO_TCP, 5, 0x10, 0, "ACK"},
-        {IPPROTO_TCP, 5, 0x20, 0, "URG"},
-        {IPPROTO_TCP, 5, 0x01, 0, ""},  // FIN is never named
-        {IPPROTO_TCP, 5, 0x3F, 0, "SYN,RST,PSH,ACK,URG"},
-        {IPPROTO_TCP, 6, 0x12, 0, "SYN,ACK"},  // options move the ports
-        {IPPROTO_TCP, 15, 0x02, 0, "SYN"},
-        {IPPROTO_UDP, 5, 0, 1, ""},  // 42 bytes, the shortest frame read; clears a reused flag
-        {IPPROTO_ICMP, 5, 0, -1, "old"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(&c - cases);
-        std::vector<char> frame = Frame(c.protocol, c.ihl, c.flags);
-        Engine::PacketNode node{{0}, 9, {0}, 0, 9, "old"};  // a reused record
-        EXPECT_EQ(c.type >= 0, Engine::SocketUtil::ParsePacket(frame.data(), frame.size(), &node));
-        // The addresses are written before the protocol is looked at.
-        EXPECT_EQ(std::make_tuple(inet_addr("10.0.0.1"), inet_addr("10.0.0.5")),
-                  std::make_tuple(node.localAddress.s_addr, node.remoteAddress.s_addr));
-        const bool ok = c.type >= 0;
-        EXPECT_EQ(std::make_tuple(ok ? 8080 : 9, ok ? 40000 : 0, ok ? c.type : 9, std::string(c.flag)),
-                  std::make_tuple(int(node.localPort), int(node.remotePort), node.type, node.flag));
-    }
-}
-
 TEST(PortScanParser, HeadersEndingPastTheLengthAreRefused) {
     struct Case {
         int protocol, ihl;
@@ -168,6 +119,7 @@ TEST(PortScanParser, HeadersEndingPastTheLengthAreRefused) {
         {IPPROTO_TCP, 6, 6, true},    // ends at the flag byte
         {IPPROTO_UDP, 15, 5, false},  // the destination port is cut
         {IPPROTO_UDP, 15, 4, true},
+        {IPPROTO_UDP, 5, 1, false},  // 41 bytes: below the shortest frame, refused after a pause
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
@@ -177,7 +129,11 @@ TEST(PortScanParser, HeadersEndingPastTheLengthAreRefused) {
         std::unique_ptr<char[]> exact(new char[length]);
         memcpy(exact.get(), full.data(), length);
         Engine::PacketNode node{{0}, 9, {0}, 0, 9, "old"};
+        const auto before = std::chrono::steady_clock::now();
         EXPECT_EQ(c.parsed, Engine::SocketUtil::ParsePacket(exact.get(), length, &node));
+        if (length < 42) {
+            EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(950));
+        }
         EXPECT_EQ(c.parsed ? 8080 : 9, int(node.localPort));
         EXPECT_EQ(c.parsed ? inet_addr("10.0.0.1") : 0u, node.localAddress.s_addr);  // untouched when refused
     }
@@ -188,35 +144,6 @@ TEST(PortScanParser, HeadersEndingPastTheLengthAreRefused) {
     ASSERT_TRUE(Engine::SocketUtil::ParsePacket(frame.data(), frame.size(), &node));
     EXPECT_EQ(std::make_tuple(8080, 40000, std::string("SYN")),
               std::make_tuple(int(node.localPort), int(node.remotePort), node.flag));
-}
-
-TEST(PortScanParser, OneByteShortIsRefusedAfterAPause) {
-    std::vector<char> frame = Frame(IPPROTO_UDP, 5, 0);
-    Engine::PacketNode node{};
-    const auto before = std::chrono::steady_clock::now();
-    EXPECT_FALSE(Engine::SocketUtil::ParsePacket(frame.data(), 41, &node));
-    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(950));
-    EXPECT_EQ(0u, node.localAddress.s_addr);
-}
-
-TEST(PortScanNetlink, CheckHeader) {
-    // nlmsg_len, nlmsg_type, bytes received, result, the result variable after (from 7)
-    const int cases[][5] = {
-        {16, NLMSG_DONE, 16, 1, 7},
-        {16, NLMSG_DONE, 15, 0, 7},
-        {15, NLMSG_DONE, 16, 0, 7},
-        {40, SOCK_DIAG_BY_FAMILY, 32, 0, 7},
-        {88, SOCK_DIAG_BY_FAMILY, 200, 1, 0},
-        {36, NLMSG_ERROR, 36, 0, 7},
-        {16, 99, 16, 0, 7},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(&c - cases);
-        nlmsghdr header{static_cast<__u32>(c[0]), static_cast<__u16>(c[1]), 0, 0, 0};
-        int result = 7;
-        EXPECT_EQ(c[3] == 1, Engine::SocketUtil::CheckHeader(&header, c[2], result));
-        EXPECT_EQ(c[4], result);
-    }
 }
 
 TEST(PortScanLocalAddress, EdgeRows) {
