@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <ctime>
 #include <thread>
 
 namespace {
@@ -57,24 +56,6 @@ TEST(InnerCpuCtrlUtilsTest, BusyThreadKeepsNearTheLimit) {
     // Generous bounds: a loaded machine only lowers the share; the governor must cap it.
     EXPECT_LT(share, 0.30);
     EXPECT_GT(share, 0.05);
-}
-
-class FixedClock : public SDK::ClockSource {
-public:
-    explicit FixedClock(long seconds) : m_seconds(seconds) {}
-    long NowSeconds() override { return m_seconds; }
-    long m_seconds;
-};
-
-TEST(TimeUtilsTest, ClockSourceSwapAndRestore) {
-    auto clock = std::make_shared<FixedClock>(1000);
-    TimeUtils::SetClockSource(clock);
-    clock->m_seconds += 86400;
-    EXPECT_EQ(TimeUtils::GetCurrentTimestampS(), 87400);
-    TimeUtils::SetClockSource(nullptr);
-    const long before = std::time(nullptr);
-    const long now = TimeUtils::GetCurrentTimestampS();
-    EXPECT_TRUE(now >= before && now <= std::time(nullptr)) << now;
 }
 
 }  // namespace
