@@ -150,18 +150,14 @@ protected:
             m_dir.Keep();
             std::cerr << "agent files kept in " << m_dir.Path() << "\n";
         }
-        m_agent.reset();
-        m_scannerNs.reset();
-        m_agentNs.reset();
     }
 
     void Scan(const std::vector<std::string>& argv) {
         RunResult result = TestSupport::Run(argv, m_scannerNs->Name(), Seconds(60));
         EXPECT_EQ(result.code, 0) << argv[0] << " failed:\n" << result.output;
     }
-    void Syn(unsigned port, int count, const std::string& interval) {
-        Scan({"hping3", "-q", "-S", "-c", std::to_string(count), "-i", interval, "-p", std::to_string(port),
-              "-s", "42001", "-k", kAgentAddr});
+    void Probe(unsigned port) {
+        Scan({"hping3", "-q", "-S", "-c", "1", "-p", std::to_string(port), "-s", "42001", "-k", kAgentAddr});
     }
     // Nobody answers a spoofed source, so hping3's exit code says nothing here; the agent's log does.
     void SpoofedFlood(unsigned port, int count) {
@@ -178,7 +174,7 @@ protected:
     TempDir m_dir;
     std::unique_ptr<NetNs> m_agentNs;
     std::unique_ptr<NetNs> m_scannerNs;
-    std::unique_ptr<Child> m_agent;
+    std::unique_ptr<Child> m_agent;  // declared last: it ends before its namespaces go
 };
 
 TEST_F(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
@@ -219,7 +215,7 @@ TEST_F(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
     Scan({"nmap", "-sS", "-Pn", "-n", "-p",
           std::to_string(kPacedFirst) + "-" + std::to_string(kPacedFirst + kPacedCount - 1), "-g", "42002",
           "--scan-delay", "100ms", "--max-retries", "0", "--host-timeout", "30s", kAgentAddr});
-    Syn(kRenewedPort, 1, "u1000");
+    Probe(kRenewedPort);
     EXPECT_TRUE(WaitUntil([&] { return CountContaining(Log(), "[PortScan] Alarm found") >= kPacedCount + 1; },
                           Seconds(10)))
         << Tail();
@@ -243,7 +239,7 @@ TEST_F(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
     ASSERT_TRUE(WaitForLine(Log(), "[Agent] Renewing task port_scan_task", Seconds(20))) << Tail();
     ASSERT_TRUE(CaptureBuilt(3)) << Tail();
     const long renewed = time(nullptr);
-    Syn(kRenewedPort, 1, "u1000");
+    Probe(kRenewedPort);
     EXPECT_TRUE(WaitUntil([&] { return AlarmedPorts(m_dir.File("alarms.jsonl")).count(kRenewedPort) >= 2; },
                           Seconds(renewed + 80 - time(nullptr))))
         << Tail();
