@@ -44,42 +44,29 @@ int ShippedCpuLimit() {
 }
 
 std::string Policy(const std::vector<unsigned>& ports) {
+    // "package_max_num" is reached before any port freezes, and is above the paced scan.
     Json::Value task;
-    task["monitor_list"] = Json::Value(Json::arrayValue);
+    Json::Reader().parse(R"({"white_ip_list": "", "check_port_before_alarm": true, "port_package_max_num": 40,
+        "port_ip_max_num": 4, "alarm_max_num": 0, "package_max_num": 30, "only_master_interface": false,
+        "enable": true, "task_condition": {}, "monitor_list": []})",
+                         task);
     for (unsigned port : ports) {
-        Json::Value entry;
+        Json::Value& entry = task["monitor_list"].append(Json::objectValue);
         entry["port"] = port;
         entry["type"] = 0;
-        task["monitor_list"].append(entry);
     }
-    task["white_ip_list"] = "";
-    task["check_port_before_alarm"] = true;
-    task["port_package_max_num"] = 40;
-    task["port_ip_max_num"] = 4;
-    task["alarm_max_num"] = 0;
-    task["package_max_num"] = 30;  // reached before any port freezes; above the paced scan
-    task["only_master_interface"] = false;
-    task["enable"] = true;
-    task["task_condition"] = Json::Value(Json::objectValue);
     return ScanLab::FeaturePolicyText(task, "supervision");
 }
 
 void WriteAgentFiles(const TempDir& dir, int cpuLimit, int restartDelay, int renewAfter,
                      const std::vector<unsigned>& ports) {
-    Json::Value config;
-    config["log"]["level"] = "information";
-    config["log"]["console"] = false;
-    config["log"]["file"] = "log/hostagent.log";
-    config["cpu_limit_percent"] = cpuLimit;
-    config["modules"].append(PORTSCAN_MODULE_PATH);
-    config["policies"]["10001"] = "portscan.json";
-    config["supervisor"]["restart_delay_s"] = restartDelay;
-    config["supervisor"]["renew_after_s"] = renewAfter;
-    Json::Value sink;
-    sink["type"] = "file";
-    sink["path"] = "alarms.jsonl";
-    config["report"]["sinks"].append(sink);
-    WriteFile(dir.File("agent.json"), config.toStyledString());
+    WriteFile(dir.File("agent.json"),
+              R"({"log": {"level": "information", "console": false, "file": "log/hostagent.log"},
+        "modules": [")" PORTSCAN_MODULE_PATH R"("], "policies": {"10001": "portscan.json"},
+        "report": {"sinks": [{"type": "file", "path": "alarms.jsonl"}]}, "cpu_limit_percent": )" +
+                  std::to_string(cpuLimit) + R"(, "supervisor": {"restart_delay_s": )" +
+                  std::to_string(restartDelay) + R"(, "renew_after_s": )" + std::to_string(renewAfter) +
+                  "}}");
     WriteFile(dir.File("portscan.json"), Policy(ports));
 }
 
@@ -97,20 +84,14 @@ std::multiset<unsigned> AlarmedPorts(const std::string& path) {
 
 // CPU seconds (user + system) the process has used, from /proc.
 double CpuSeconds(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::istringstream fields(text.substr(text.rfind(')') + 2));  // after the command name
-    std::string field;
-    unsigned long long utime = 0;
-    unsigned long long stime = 0;
-    for (int index = 3; fields >> field; ++index) {
-        if (index == 14) {
-            utime = std::stoull(field);
-        } else if (index == 15) {
-            stime = std::stoull(field);
-            break;
-        }
+    const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));  // field 3 on, after the command name
+    std::string skipped;
+    for (int field = 3; field < 14; ++field) {
+        fields >> skipped;
     }
+    unsigned long long utime = 0, stime = 0;
+    fields >> utime >> stime;
     return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
@@ -133,14 +114,16 @@ std::map<std::string, long> SwitchesByThread(pid_t pid) {
     return switches;
 }
 
-struct StatusResult {
-    int code;
-    std::string text;
-};
+// The agent on the files in `dir`, in namespace `ns` ("" for this one), run by `argv` if it names a
+// program.
+std::unique_ptr<Child> StartAgent(const TempDir& dir, const std::string& ns,
+                                  std::vector<std::string> argv = {}) {
+    argv.insert(argv.end(), {HOSTAGENT_PATH, "--config", dir.File("agent.json")});
+    return std::make_unique<Child>(argv, ns, dir.File("agent.out"), dir.File("agent.err"));
+}
 
-StatusResult Status(const TempDir& dir) {
-    RunResult result = Run({HOSTAGENT_PATH, "--status", "--config", dir.File("agent.json")}, "", Seconds(10));
-    return {result.code, result.output};
+RunResult Status(const TempDir& dir) {
+    return Run({HOSTAGENT_PATH, "--status", "--config", dir.File("agent.json")}, "", Seconds(10));
 }
 
 class AgentSupervisionE2E : public ::testing::Test {
@@ -167,18 +150,14 @@ protected:
             m_dir.Keep();
             std::cerr << "agent files kept in " << m_dir.Path() << "\n";
         }
-        m_agent.reset();
-        m_scannerNs.reset();
-        m_agentNs.reset();
     }
 
     void Scan(const std::vector<std::string>& argv) {
         RunResult result = TestSupport::Run(argv, m_scannerNs->Name(), Seconds(60));
         EXPECT_EQ(result.code, 0) << argv[0] << " failed:\n" << result.output;
     }
-    void Syn(unsigned port, int count, const std::string& interval) {
-        Scan({"hping3", "-q", "-S", "-c", std::to_string(count), "-i", interval, "-p", std::to_string(port),
-              "-s", "42001", "-k", kAgentAddr});
+    void Probe(unsigned port) {
+        Scan({"hping3", "-q", "-S", "-c", "1", "-p", std::to_string(port), "-s", "42001", "-k", kAgentAddr});
     }
     // Nobody answers a spoofed source, so hping3's exit code says nothing here; the agent's log does.
     void SpoofedFlood(unsigned port, int count) {
@@ -195,7 +174,7 @@ protected:
     TempDir m_dir;
     std::unique_ptr<NetNs> m_agentNs;
     std::unique_ptr<NetNs> m_scannerNs;
-    std::unique_ptr<Child> m_agent;
+    std::unique_ptr<Child> m_agent;  // declared last: it ends before its namespaces go
 };
 
 TEST_F(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
@@ -205,14 +184,10 @@ TEST_F(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
     }
     const int restartDelay = 5;
     WriteAgentFiles(m_dir, ShippedCpuLimit(), restartDelay, 5, ports);
-    m_agent = std::make_unique<Child>(
-        std::vector<std::string>{HOSTAGENT_PATH, "--config", m_dir.File("agent.json")}, m_agentNs->Name(),
-        m_dir.File("agent.out"), m_dir.File("agent.err"));
+    m_agent = StartAgent(m_dir, m_agentNs->Name());
     ASSERT_TRUE(CaptureBuilt(1)) << ReadFile(m_dir.File("agent.err"));
-    ASSERT_TRUE(WaitUntil([&] { return Status(m_dir).code == 0; }, Seconds(10))) << Status(m_dir).text;
-    // Each task thread carries its task's name, as top -H and ps -L show it.
-    const std::string threads = MustRun({"ps", "-L", "-o", "comm=", "-p", std::to_string(m_agent->Pid())});
-    EXPECT_NE(threads.find("port_scan_task\n"), std::string::npos) << threads;
+    RunResult status;
+    ASSERT_TRUE(WaitUntil([&] { return (status = Status(m_dir)).code == 0; }, Seconds(10))) << status.output;
 
     // More frames in a minute than "package_max_num", even from a source that is never reported:
     // the task stops itself; the status says so.
@@ -220,25 +195,18 @@ TEST_F(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
     ASSERT_TRUE(WaitForLine(Log(), "[Agent] Task port_scan_task of module portscan_module stopped by itself",
                             Seconds(20)))
         << Tail();
-    StatusResult down{};
-    EXPECT_TRUE(WaitUntil(
-        [&] {
-            down = Status(m_dir);
-            return down.code == 1;
-        },
-        Seconds(restartDelay - 1)))
-        << down.text;
-    EXPECT_NE(down.text.find("restarting"), std::string::npos) << down.text;
+    EXPECT_TRUE(WaitUntil([&] { return (status = Status(m_dir)).code == 1; }, Seconds(restartDelay - 1)))
+        << status.output;
+    EXPECT_NE(status.output.find("restarting"), std::string::npos) << status.output;
 
     // After the delay the task runs again: one restart, status 0.
-    StatusResult up{};
     ASSERT_TRUE(WaitUntil(
         [&] {
-            up = Status(m_dir);
-            return up.code == 0 && up.text.find("restarts 1") != std::string::npos;
+            status = Status(m_dir);
+            return status.code == 0 && status.output.find("restarts 1") != std::string::npos;
         },
         Seconds(restartDelay + 10)))
-        << up.text << Tail();
+        << status.output << Tail();
     ASSERT_TRUE(CaptureBuilt(2)) << Tail();
     const long restarted = time(nullptr);
 
@@ -247,7 +215,7 @@ TEST_F(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
     Scan({"nmap", "-sS", "-Pn", "-n", "-p",
           std::to_string(kPacedFirst) + "-" + std::to_string(kPacedFirst + kPacedCount - 1), "-g", "42002",
           "--scan-delay", "100ms", "--max-retries", "0", "--host-timeout", "30s", kAgentAddr});
-    Syn(kRenewedPort, 1, "u1000");
+    Probe(kRenewedPort);
     EXPECT_TRUE(WaitUntil([&] { return CountContaining(Log(), "[PortScan] Alarm found") >= kPacedCount + 1; },
                           Seconds(10)))
         << Tail();
@@ -271,7 +239,7 @@ TEST_F(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
     ASSERT_TRUE(WaitForLine(Log(), "[Agent] Renewing task port_scan_task", Seconds(20))) << Tail();
     ASSERT_TRUE(CaptureBuilt(3)) << Tail();
     const long renewed = time(nullptr);
-    Syn(kRenewedPort, 1, "u1000");
+    Probe(kRenewedPort);
     EXPECT_TRUE(WaitUntil([&] { return AlarmedPorts(m_dir.File("alarms.jsonl")).count(kRenewedPort) >= 2; },
                           Seconds(renewed + 80 - time(nullptr))))
         << Tail();
@@ -290,21 +258,19 @@ TEST(AgentBoundsE2E, EmptyMonitorListStaysUnderTheCpuLimitAndAFailingSocketBuild
 
     TempDir idleDir;
     WriteAgentFiles(idleDir, limit, 60, 0, {});
-    Child idle({HOSTAGENT_PATH, "--config", idleDir.File("agent.json")}, "", idleDir.File("out"),
-               idleDir.File("err"));
+    const std::unique_ptr<Child> idle = StartAgent(idleDir, "");
 
     // The socket build fails for lack of CAP_NET_RAW; no CPU limit, so only the log budget bounds it.
     TempDir failDir;
     WriteAgentFiles(failDir, 0, 60, 0, {2501, 2502, 2503});
-    const std::vector<std::string> agent = {HOSTAGENT_PATH, "--config", failDir.File("agent.json")};
-    std::vector<std::string> argv = agent;
-    if (geteuid() == 0) {
-        argv = {FindProgram("setpriv"), "--bounding-set", "-net_raw", "--inh-caps", "-net_raw", "--"};
-        argv.insert(argv.end(), agent.begin(), agent.end());
-    }
-    Child failing(argv, "", failDir.File("out"), failDir.File("err"));
-    ASSERT_TRUE(WaitForLine(failDir.File("log/hostagent.log"), "first run port_scan_task", Seconds(15)))
-        << ReadFile(failDir.File("err"));
+    const std::unique_ptr<Child> failing =
+        StartAgent(failDir, "",
+                   geteuid() == 0 ? std::vector<std::string>{FindProgram("setpriv"), "--bounding-set",
+                                                             "-net_raw", "--inh-caps", "-net_raw", "--"}
+                                  : std::vector<std::string>{});
+    const std::string failLog = failDir.File("log/hostagent.log");
+    ASSERT_TRUE(WaitForLine(failLog, "first run port_scan_task", Seconds(15)))
+        << ReadFile(failDir.File("agent.err"));
     const auto failingSince = std::chrono::steady_clock::now();
 
     // The shipped config and policy, capturing in a namespace of its own where no traffic flows:
@@ -319,9 +285,7 @@ TEST(AgentBoundsE2E, EmptyMonitorListStaysUnderTheCpuLimitAndAFailingSocketBuild
         quietNs = std::make_unique<NetNs>("quiet" + std::to_string(getpid()));
         WriteAgentFiles(quietDir, limit, 60, 86400, {});
         WriteFile(quietDir.File("portscan.json"), ReadFile(SHIPPED_POLICY));
-        quiet = std::make_unique<Child>(
-            std::vector<std::string>{HOSTAGENT_PATH, "--config", quietDir.File("agent.json")},
-            quietNs->Name(), quietDir.File("out"), quietDir.File("err"));
+        quiet = StartAgent(quietDir, quietNs->Name());
         ASSERT_TRUE(WaitForLine(quietDir.File("log/hostagent.log"), "Reload BPF rules", Seconds(15)))
             << ReadFile(quietDir.File("log/hostagent.log"));
         sleep(1);
@@ -332,9 +296,9 @@ TEST(AgentBoundsE2E, EmptyMonitorListStaysUnderTheCpuLimitAndAFailingSocketBuild
     // CPU of the idle agent over 10 s, once it has settled.
     ASSERT_TRUE(WaitForLine(idleDir.File("log/hostagent.log"), "first run port_scan_task", Seconds(15)));
     sleep(2);
-    const double before = CpuSeconds(idle.Pid());
+    const double before = CpuSeconds(idle->Pid());
     sleep(10);
-    const double share = (CpuSeconds(idle.Pid()) - before) * 10.0;  // percent of one core over 10 s
+    const double share = (CpuSeconds(idle->Pid()) - before) * 10.0;  // percent of one core over 10 s
     EXPECT_LE(share, limit + 2.0) << "an agent with nothing to watch used " << share << " % of a core";
     std::cout << "idle agent CPU: " << share << " % of a core (limit " << limit << " %)\n";
 
@@ -359,16 +323,15 @@ TEST(AgentBoundsE2E, EmptyMonitorListStaysUnderTheCpuLimitAndAFailingSocketBuild
     }
 
     std::this_thread::sleep_until(failingSince + std::chrono::seconds(60));
-    const std::size_t lines = ReadLines(failDir.File("log/hostagent.log")).size();
+    const std::size_t lines = ReadLines(failLog).size();
     std::cout << "log lines in 60 s of failing socket builds: " << lines << "\n";
     EXPECT_LE(lines, 300u);
-    EXPECT_GT(CountContaining(failDir.File("log/hostagent.log"), "suppressed in"), 0u)
+    EXPECT_GT(CountContaining(failLog, "suppressed in"), 0u)
         << "the socket build did not fail: is CAP_NET_RAW still there?";
     // The operator is told at start which privilege is missing and what it costs.
-    EXPECT_EQ(CountContaining(failDir.File("log/hostagent.log"), "No CAP_NET_RAW: packet capture will fail"),
-              1u);
-    EXPECT_TRUE(idle.Running());
-    EXPECT_TRUE(failing.Running());
+    EXPECT_EQ(CountContaining(failLog, "No CAP_NET_RAW: packet capture will fail"), 1u);
+    EXPECT_TRUE(idle->Running());
+    EXPECT_TRUE(failing->Running());
 }
 
 }  // namespace
