@@ -5,8 +5,11 @@
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 
 namespace FuzzSupport {
 
@@ -23,6 +26,31 @@ void QuietLogs(void (*createLoggers)()) {
         createLoggers();
     }
     Poco::Logger::setLevel("", Poco::Message::PRIO_FATAL);
+}
+
+namespace {
+std::string g_inputFile;  // the one input file of this process
+}  // namespace
+
+std::string MakeInputFile(const std::string& target, const std::string& name) {
+    std::string folder = "/dev/shm/" + target + "-XXXXXX";
+    if (mkdtemp(&folder[0]) == nullptr) {
+        Fail("mkdtemp");
+    }
+    g_inputFile = folder + "/" + name;
+    std::atexit([] {
+        std::remove(g_inputFile.c_str());
+        rmdir(g_inputFile.substr(0, g_inputFile.rfind('/')).c_str());
+    });
+    return g_inputFile;
+}
+
+void WriteInputFile(const std::string& path, const std::string& text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(text.data(), static_cast<std::streamsize>(text.size()));
+    if (!out) {
+        Fail("cannot write " + path);
+    }
 }
 
 void Fail(const std::string& what) {

@@ -17,6 +17,12 @@ void QuietLogs(void (*createLoggers)() = nullptr);
 // Ends the run with a message naming the wrong result; libFuzzer keeps the input that caused it.
 [[noreturn]] void Fail(const std::string& what);
 
+// A file in a private (0700) folder under /dev/shm (sticky, so the agent's file checks accept it; in
+// memory, as one is written per input), removed at exit. Returns its path.
+std::string MakeInputFile(const std::string& target, const std::string& name);
+// Replaces the content of `path` with `text`.
+void WriteInputFile(const std::string& path, const std::string& text);
+
 inline std::string Text(const uint8_t* data, std::size_t size) {
     return std::string(reinterpret_cast<const char*>(data), size);
 }

@@ -1,18 +1,9 @@
-// The agent's config reader and its policy-file reader, on each input written to a file: reading
-// the file gives what parsing the text gives; an accepted config holds only what the reader
-// promises; the policy reader returns the file's bytes and calls them a policy exactly when they
-// are one JSON object.
+// The agent's config reader, on each input written to a file: reading the file gives what parsing
+// the text gives, and an accepted config holds only what the reader promises.
 #include "AgentConfig.h"
 #include "FuzzSupport.h"
 #include "JsonText.h"
-#include "PolicyFile.h"
-#include "sdk/JsonUtils.h"
 
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <set>
 
 namespace {
@@ -56,47 +47,17 @@ void JudgeConfig(const std::string& text) {
     }
 }
 
-void JudgePolicyFile(const std::string& text) {
-    std::string read, problem;
-    FUZZ_CHECK(HostAgent::ReadPolicyFile(g_file, read, problem), problem);
-    FUZZ_CHECK(read == text, "the file's bytes changed on the way in");
-    Json::Value root;
-    const bool object =
-        SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), root) == SDK::JsonUtils::kParseOk;
-    const bool policy = HostAgent::CheckPolicyText(read, problem);
-    FUZZ_CHECK(policy == object, problem);
-    if (!policy) {
-        FUZZ_CHECK(!problem.empty() && problem.find('\n') == std::string::npos, problem);
-    }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     FuzzSupport::QuietLogs();
-    // Private (0700) inside a sticky folder, a safe place; in memory, as a file is written per input.
-    char folder[] = "/dev/shm/fuzz_config-XXXXXX";
-    if (mkdtemp(folder) == nullptr) {
-        FuzzSupport::Fail("mkdtemp");
-    }
-    g_file = std::string(folder) + "/agent.json";
-    std::atexit([] {
-        std::remove(g_file.c_str());
-        rmdir(g_file.substr(0, g_file.rfind('/')).c_str());
-    });
+    g_file = FuzzSupport::MakeInputFile("fuzz_config", "agent.json");
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const std::string text = FuzzSupport::Text(data, size);
-    {
-        std::ofstream out(g_file, std::ios::binary | std::ios::trunc);
-        out.write(text.data(), static_cast<std::streamsize>(text.size()));
-        if (!out) {
-            FuzzSupport::Fail("cannot write " + g_file);
-        }
-    }
+    FuzzSupport::WriteInputFile(g_file, text);
     JudgeConfig(text);
-    JudgePolicyFile(text);
     return 0;
 }

@@ -8,7 +8,7 @@ set -uo pipefail
 build=$1
 seconds=$2
 root=$(cd "$(dirname "$0")/.." && pwd)
-targets=(fuzz_frame fuzz_policy fuzz_address fuzz_route fuzz_sockdiag fuzz_config)
+targets=(fuzz_frame fuzz_policy fuzz_address fuzz_route fuzz_sockdiag fuzz_config fuzz_policy_file)
 
 # A small quarantine and short allocation stacks: several times the executions per second for the
 # JSON-heavy targets; a use after free is still caught while the freed block is in quarantine.
