@@ -25,8 +25,21 @@ constexpr std::size_t kDefaultSpoolMaxBytes = 16 * 1024 * 1024;
 constexpr long kReconnectFirstMs = 1000;
 constexpr long kReconnectMaxMs = 30000;
 
-// A connect or a send that takes longer than this counts as a collector that is down; the alarm
-// stays in the spool.
+// A connect that is not done after this, or a collector that takes no byte for this long, counts as
+// a collector that is down; the alarm stays in the spool.
 constexpr int kCollectorTimeoutMs = 5000;
+
+// A collector's name that the resolver has not answered within this counts as unresolved for this
+// attempt (resolver time-outs reach half a minute); the lookup goes on beside the report thread and
+// the next attempt uses its answer.
+constexpr long kResolveTimeoutMs = 10000;
+
+// While a name is looked up, a connect is under way or a collector's socket is full, the sink looks
+// again this often: nothing on the report thread waits for the network.
+constexpr long kSinkPollMs = 50;
+
+// A spool is read back this many bytes at a time: memory stays small whatever the spool's bound,
+// and one read holds about a thousand alarms.
+constexpr std::size_t kSpoolWindowBytes = 256 * 1024;
 
 }  // namespace Engine
