@@ -170,6 +170,9 @@ const std::string& SyslogSpool::Front() {
 
 void SyslogSpool::PopFront() {
     m_frontSent = 0;
+    if (m_window.empty() && m_readAt < m_fileSize) {
+        Refill();
+    }
     if (!m_window.empty()) {
         m_windowBytes -= m_window.front().data.size();
         m_window.pop_front();
