@@ -136,7 +136,7 @@ bool SyslogSpool::Open(std::string& error) {
     }
     m_readAt = m_head;
     Bound();
-    if (!Persist(true)) {
+    if (!Persist()) {
         error = std::strerror(errno);
         return false;
     }
@@ -307,7 +307,8 @@ bool SyslogSpool::Persist(bool compact) {
         if (!WriteRecord(0)) {
             return false;
         }
-    } else if (m_head > 0 && (compact || m_head > m_maxBytes) && !Compact()) {
+    } else if (m_head > 0 && ((compact && Bytes() <= kSpoolCompactOnStopBytes) || m_head > m_maxBytes) &&
+               !Compact()) {
         return false;
     }
     // 3. Frames that did not go out at once.

@@ -50,7 +50,8 @@ public:
     void PopFront();
 
     // Makes the state durable: the offset of what was sent first, then the frames not yet in the
-    // file. `compact` also rewrites a file that starts with sent frames. False, errno set, when the
+    // file. `compact` (at a stop) also rewrites a file that starts with sent frames, when what is
+    // left is small enough to copy at once. False, errno set, when the
     // file cannot be written; the frames stay in memory and the next call tries again.
     bool Persist(bool compact = false);
 
