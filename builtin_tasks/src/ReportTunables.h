@@ -42,6 +42,10 @@ constexpr long kSinkPollMs = 50;
 // and one read holds about a thousand alarms.
 constexpr std::size_t kSpoolWindowBytes = 256 * 1024;
 
+// Frames appended to a spool are fsync'd at most this often, and at a stop: a burst of alarms for a
+// collector that is down costs a few fsyncs, not one each.
+constexpr long kSpoolSyncMs = 200;
+
 // At a stop the spool is rewritten without its sent part only when what is left is at most this
 // much: the copy takes well under a second of the stop; a larger one waits for the bound.
 constexpr std::size_t kSpoolCompactOnStopBytes = 8 * 1024 * 1024;

@@ -203,11 +203,15 @@ public:
     }
 
     SinkClock::time_point NextRetry() const override {
-        return m_queue.Empty() ? SinkClock::time_point::max() : m_nextRetry;
+        return std::min(m_queue.Empty() ? SinkClock::time_point::max() : m_nextRetry, m_queue.SyncDue());
     }
 
     void Retry() override {
-        Deliver();
+        // Also called when only the spool's fsync is due: a collector that is down is not tried
+        // before its back-off ends.
+        if (!m_queue.Empty() && SinkClock::now() >= m_nextRetry) {
+            Deliver();
+        }
         StoreSpool(false);
     }
 
@@ -496,8 +500,8 @@ private:
     }
 
     // What was sent is recorded and what is left goes to the spool file (see SyslogSpool).
-    void StoreSpool(bool compact) {
-        bool ok = m_queue.Persist(compact);
+    void StoreSpool(bool stopping) {
+        bool ok = m_queue.Persist(stopping);
         if (!ok && !m_spoolFailing) {
             SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
                          "[Report] Cannot write spool %s: %s; alarms kept in memory", m_config.spool,

@@ -289,7 +289,7 @@ bool SyslogSpool::WriteRecord(std::uint64_t offset) {
     return true;
 }
 
-bool SyslogSpool::Persist(bool compact) {
+bool SyslogSpool::Persist(bool stopping) {
     if (!HasFile()) {
         return true;
     }
@@ -304,15 +304,31 @@ bool SyslogSpool::Persist(bool compact) {
             return false;
         }
         m_fileSize = m_head = m_readAt = 0;
+        m_unsyncedSince.reset();
         if (!WriteRecord(0)) {
             return false;
         }
-    } else if (m_head > 0 && ((compact && Bytes() <= kSpoolCompactOnStopBytes) || m_head > m_maxBytes) &&
+    } else if (m_head > 0 && ((stopping && Bytes() <= kSpoolCompactOnStopBytes) || m_head > m_maxBytes) &&
                !Compact()) {
         return false;
     }
-    // 3. Frames that did not go out at once.
-    return AppendTail();
+    // 3. Frames that did not go out at once. A power cut before their fsync loses them (a torn
+    // last one is cut off at the next start); it never makes a sent frame look unsent.
+    if (!AppendTail()) {
+        return false;
+    }
+    if (m_unsyncedSince && (stopping || SyncDue() <= std::chrono::steady_clock::now())) {
+        if (fdatasync(m_fd) != 0) {
+            return false;
+        }
+        m_unsyncedSince.reset();
+    }
+    return true;
+}
+
+std::chrono::steady_clock::time_point SyslogSpool::SyncDue() const {
+    return m_unsyncedSince ? *m_unsyncedSince + std::chrono::milliseconds(kSpoolSyncMs)
+                           : std::chrono::steady_clock::time_point::max();
 }
 
 // Writes the unsent part to "<file>.new", fsyncs it, renames it over the file and fsyncs the
@@ -359,6 +375,7 @@ bool SyslogSpool::Compact() {
     m_readAt -= m_head;
     m_fileSize -= m_head;
     m_head = 0;
+    m_unsyncedSince.reset();
     return WriteRecord(0);
 }
 
@@ -370,7 +387,7 @@ bool SyslogSpool::AppendTail() {
     for (const std::string& frame : m_tail) {
         all += frame;
     }
-    if (!WriteAll(m_fd, all.data(), all.size()) || fdatasync(m_fd) != 0) {
+    if (!WriteAll(m_fd, all.data(), all.size())) {
         // Whatever part landed is a torn frame: cut it off, the frames stay in memory.
         int error = errno;
         if (ftruncate(m_fd, static_cast<off_t>(m_fileSize)) != 0) {
@@ -378,6 +395,9 @@ bool SyslogSpool::AppendTail() {
         }
         errno = error;
         return false;
+    }
+    if (!m_unsyncedSince) {
+        m_unsyncedSince = std::chrono::steady_clock::now();
     }
     std::uint64_t at = m_fileSize;
     m_fileSize += all.size();

@@ -2,9 +2,11 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <string>
 
 namespace Engine {
@@ -49,11 +51,13 @@ public:
     // The front was sent or cannot be sent at all.
     void PopFront();
 
-    // Makes the state durable: the offset of what was sent first, then the frames not yet in the
-    // file. `compact` (at a stop) also rewrites a file that starts with sent frames, when what is
-    // left is small enough to copy at once. False, errno set, when the
-    // file cannot be written; the frames stay in memory and the next call tries again.
-    bool Persist(bool compact = false);
+    // Records what was sent (fsync'd), then appends the frames not yet in the file; appends are
+    // fsync'd at most every kSpoolSyncMs, and always when `stopping`. `stopping` also rewrites a
+    // file that starts with sent frames, when what is left is small enough to copy at once. False,
+    // errno set, when the file cannot be written; frames stay in memory and the next call tries again.
+    bool Persist(bool stopping = false);
+    // When appended frames are due for their fsync (time_point::max when none wait).
+    std::chrono::steady_clock::time_point SyncDue() const;
 
     // Frames dropped at the bound since the last call.
     std::size_t TakeDropped();
@@ -94,6 +98,7 @@ private:
     std::size_t m_tailBytes = 0;
     std::size_t m_frontSent = 0;
     std::size_t m_dropped = 0;
+    std::optional<std::chrono::steady_clock::time_point> m_unsyncedSince;
 };
 
 }  // namespace Engine
