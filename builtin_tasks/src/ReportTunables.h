@@ -42,6 +42,10 @@ constexpr long kSinkPollMs = 50;
 // and one read holds about a thousand alarms.
 constexpr std::size_t kSpoolWindowBytes = 256 * 1024;
 
+// An alarm document is a few hundred bytes; a spooled frame above this is damage, not an alarm, and
+// is never read into memory (an alarm that large is not spooled, with an error line).
+constexpr std::size_t kMaxSpoolFrameBytes = 1024 * 1024;
+
 // Frames appended to a spool are fsync'd at most this often, and at a stop: a burst of alarms for a
 // collector that is down costs a few fsyncs, not one each.
 constexpr long kSpoolSyncMs = 200;

@@ -19,7 +19,8 @@ namespace Engine {
 
 namespace {
 
-// "<digits> " of an octet-counted frame: its whole length, 0 when `text` starts no frame.
+// "<digits> " of an octet-counted frame: its whole length, 0 when `text` starts no frame the
+// agent could have written.
 std::size_t ParseFrameLength(const char* text, std::size_t size) {
     std::size_t digits = 0;
     std::size_t length = 0;
@@ -27,7 +28,7 @@ std::size_t ParseFrameLength(const char* text, std::size_t size) {
         length = length * 10 + static_cast<std::size_t>(text[digits] - '0');
         ++digits;
     }
-    if (digits == 0 || digits >= size || text[digits] != ' ' || length == 0) {
+    if (digits == 0 || digits >= size || text[digits] != ' ' || length == 0 || length > kMaxSpoolFrameBytes) {
         return 0;
     }
     return digits + 1 + length;
@@ -144,6 +145,11 @@ bool SyslogSpool::Open(std::string& error) {
 }
 
 void SyslogSpool::Push(std::string frame) {
+    if (HasFile() && frame.size() > kMaxSpoolFrameBytes) {
+        SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Report] Alarm of %z bytes too large for spool %s, dropped",
+                     frame.size(), m_path);
+        return;
+    }
     m_tailBytes += frame.size();
     m_tail.push_back(std::move(frame));
     Bound();
