@@ -16,9 +16,9 @@
 
 namespace Engine {
 
-std::deque<AlarmBacklog::Entry> AlarmBacklog::Push(std::string data, bool stored) {
+std::deque<AlarmBacklog::Entry> AlarmBacklog::Push(std::string data) {
     m_bytes += data.size();
-    m_entries.push_back(Entry{std::move(data), stored});
+    m_entries.push_back(Entry{std::move(data)});
     std::deque<Entry> dropped;
     while (m_bytes > m_maxBytes && m_entries.size() > 1) {
         dropped.push_back(std::move(m_entries.front()));

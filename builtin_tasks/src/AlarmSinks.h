@@ -41,20 +41,18 @@ class AlarmBacklog {
 public:
     struct Entry {
         std::string data;
-        bool stored = false;  // already written to the sink's spool file
     };
 
     explicit AlarmBacklog(std::size_t maxBytes) : m_maxBytes(maxBytes) {}
 
     // Appends `data`; drops the oldest entries while more than the bound is kept.
     // Returns the entries dropped by this call.
-    std::deque<Entry> Push(std::string data, bool stored = false);
+    std::deque<Entry> Push(std::string data);
     Entry& Front() { return m_entries.front(); }
     void PopFront();
     bool Empty() const { return m_entries.empty(); }
     std::size_t Size() const { return m_entries.size(); }
     std::size_t Bytes() const { return m_bytes; }
-    std::deque<Entry>& Entries() { return m_entries; }
     // Entries dropped since the backlog last emptied (or since the last TakeDropped).
     std::size_t TakeDropped();
     std::size_t Dropped() const { return m_dropped; }
@@ -72,7 +70,7 @@ private:
 std::unique_ptr<AlarmSink> MakeLineSink(const std::string& path);
 
 // RFC 5424 messages to the local syslog socket, a UDP collector or a TCP collector (RFC 6587
-// octet counting, with spool).
+// octet counting, with spool: see SyslogSpool.h). Never waits for the network.
 std::unique_ptr<AlarmSink> MakeSyslogSink(const ReportSink& config);
 
 // Creates the folder `path` would be in. False with `error` filled when that fails.

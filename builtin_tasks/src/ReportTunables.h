@@ -25,8 +25,33 @@ constexpr std::size_t kDefaultSpoolMaxBytes = 16 * 1024 * 1024;
 constexpr long kReconnectFirstMs = 1000;
 constexpr long kReconnectMaxMs = 30000;
 
-// A connect or a send that takes longer than this counts as a collector that is down; the alarm
-// stays in the spool.
+// A connect that is not done after this, or a collector that takes no byte for this long, counts as
+// a collector that is down; the alarm stays in the spool.
 constexpr int kCollectorTimeoutMs = 5000;
+
+// A collector's name that the resolver has not answered within this counts as unresolved for this
+// attempt (resolver time-outs reach half a minute); the lookup goes on beside the report thread and
+// the next attempt uses its answer.
+constexpr long kResolveTimeoutMs = 10000;
+
+// While a name is looked up, a connect is under way or a collector's socket is full, the sink looks
+// again this often: nothing on the report thread waits for the network.
+constexpr long kSinkPollMs = 50;
+
+// A spool is read back this many bytes at a time: memory stays small whatever the spool's bound,
+// and one read holds about a thousand alarms.
+constexpr std::size_t kSpoolWindowBytes = 256 * 1024;
+
+// An alarm document is a few hundred bytes; a spooled frame above this is damage, not an alarm, and
+// is never read into memory (an alarm that large is not spooled, with an error line).
+constexpr std::size_t kMaxSpoolFrameBytes = 1024 * 1024;
+
+// Frames appended to a spool are fsync'd at most this often, and at a stop: a burst of alarms for a
+// collector that is down costs a few fsyncs, not one each.
+constexpr long kSpoolSyncMs = 200;
+
+// At a stop the spool is rewritten without its sent part only when what is left is at most this
+// much: the copy takes well under a second of the stop; a larger one waits for the bound.
+constexpr std::size_t kSpoolCompactOnStopBytes = 8 * 1024 * 1024;
 
 }  // namespace Engine

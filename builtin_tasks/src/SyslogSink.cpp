@@ -1,5 +1,6 @@
 #include "AlarmSinks.h"
 #include "ReportTunables.h"
+#include "SyslogSpool.h"
 #include "sdk/LogStatement.h"
 
 #include <fcntl.h>
@@ -15,8 +16,12 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
-#include <iterator>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <system_error>
+#include <thread>
+#include <vector>
 
 namespace Engine {
 
@@ -67,33 +72,82 @@ bool SplitAddress(const std::string& address, std::string& host, std::string& po
     return true;
 }
 
-// Connects `fd` within kCollectorTimeoutMs. False with errno set.
-bool ConnectWithin(int fd, const sockaddr* address, socklen_t length) {
-    int flags = fcntl(fd, F_GETFL);
-    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-    int result = ::connect(fd, address, length);
-    if (result != 0 && errno == EINPROGRESS) {
-        pollfd wait{fd, POLLOUT, 0};
-        int ready = poll(&wait, 1, kCollectorTimeoutMs);
-        int error = ready == 1 ? 0 : ETIMEDOUT;
-        socklen_t size = sizeof(error);
-        if (ready == 1) {
-            getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
-        }
-        errno = error;
-        result = error == 0 ? 0 : -1;
+// One address of a collector, as the resolver gave it.
+struct CollectorAddress {
+    int family, socketType, protocol;
+    sockaddr_storage address;
+    socklen_t length;
+};
+
+// A name lookup on a thread of its own, so that a resolver that does not answer holds up nothing:
+// the sink only looks at the result. The thread owns a share of the result and finishes alone
+// should the sink give up on it or go away.
+struct Resolution {
+    std::mutex lock;
+    bool done = false;
+    int result = 0;
+    int systemError = 0;
+    std::vector<CollectorAddress> addresses;
+
+    bool Done() {
+        std::lock_guard<std::mutex> guard(lock);
+        return done;
     }
-    fcntl(fd, F_SETFL, flags);
-    return result == 0;
+};
+
+// getaddrinfo into `resolution` (under its lock).
+void Resolve(Resolution& resolution, const std::string& host, const std::string& port, int socketType,
+             int flags) {
+    addrinfo hints{};
+    hints.ai_socktype = socketType;
+    hints.ai_flags = flags;
+    addrinfo* found = nullptr;
+    int result = getaddrinfo(host.c_str(), port.c_str(), &hints, &found);
+    int systemError = errno;
+    std::vector<CollectorAddress> addresses;
+    for (addrinfo* at = result == 0 ? found : nullptr; at != nullptr; at = at->ai_next) {
+        CollectorAddress address{at->ai_family, at->ai_socktype, at->ai_protocol, {}, at->ai_addrlen};
+        std::memcpy(&address.address, at->ai_addr,
+                    std::min<std::size_t>(at->ai_addrlen, sizeof(address.address)));
+        addresses.push_back(address);
+    }
+    if (found != nullptr) {
+        freeaddrinfo(found);
+    }
+    std::lock_guard<std::mutex> guard(resolution.lock);
+    resolution.result = result;
+    resolution.systemError = systemError;
+    resolution.addresses = std::move(addresses);
+    resolution.done = true;
+}
+
+std::shared_ptr<Resolution> StartResolution(const std::string& host, const std::string& port,
+                                            int socketType) {
+    auto resolution = std::make_shared<Resolution>();
+    // An address in numbers needs no resolver: taken at once.
+    Resolve(*resolution, host, port, socketType, AI_NUMERICHOST | AI_NUMERICSERV);
+    if (resolution->result == 0) {
+        return resolution;
+    }
+    resolution->done = false;
+    try {
+        std::thread([resolution, host, port, socketType] {
+            Resolve(*resolution, host, port, socketType, 0);
+        }).detach();
+    } catch (const std::system_error& e) {
+        resolution->result = EAI_SYSTEM;
+        resolution->systemError = e.code().value();
+        resolution->done = true;
+    }
+    return resolution;
 }
 
 class SyslogSink : public AlarmSink {
 public:
     explicit SyslogSink(const ReportSink& config)
         : m_config(config),
-          m_backlog(config.transport == ReportSink::Transport::Tcp
-                        ? (config.spoolMaxBytes > 0 ? config.spoolMaxBytes : kDefaultSpoolMaxBytes)
-                        : kSinkBacklogBytes),
+          m_queue(config.transport == ReportSink::Transport::Tcp ? config.spool : std::string(),
+                  BoundBytes(config)),
           m_hostName(HostName()),
           m_pid(std::to_string(getpid())) {
         switch (config.transport) {
@@ -108,12 +162,7 @@ public:
                 break;
         }
     }
-    ~SyslogSink() override {
-        Disconnect();
-        if (m_spoolFd >= 0) {
-            ::close(m_spoolFd);
-        }
-    }
+    ~SyslogSink() override { Disconnect(); }
 
     bool Open(std::string& error) override {
         if (m_config.spool.empty()) {
@@ -124,14 +173,15 @@ public:
                          m_config.spool, error);
             return false;
         }
-        if (!LoadSpool(error)) {
+        if (!m_queue.Open(error)) {
             SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Report] Cannot open spool %s: %s", m_config.spool,
                          error);
             return false;
         }
-        if (!m_backlog.Empty()) {
+        ReportDropped();
+        if (!m_queue.Empty()) {
             SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Report] %z alarm(s) from spool %s to send to %s",
-                         m_backlog.Size(), m_config.spool, m_label);
+                         m_queue.Size(), m_config.spool, m_label);
             m_nextRetry = SinkClock::now();  // sent by the task's thread, not while the agent starts
         }
         return true;
@@ -144,9 +194,7 @@ public:
             // RFC 6587 octet counting: "<length> <message>".
             message = std::to_string(message.size()) + " " + message;
         }
-        for (const AlarmBacklog::Entry& dropped : m_backlog.Push(std::move(message))) {
-            m_spoolDeadBytes += dropped.stored ? dropped.data.size() : 0;
-        }
+        m_queue.Push(std::move(message));
         // While backing off from a collector that is down, the alarm only goes to the spool.
         if (!m_failing || SinkClock::now() >= m_nextRetry) {
             Deliver();
@@ -155,87 +203,166 @@ public:
     }
 
     SinkClock::time_point NextRetry() const override {
-        return m_backlog.Empty() ? SinkClock::time_point::max() : m_nextRetry;
+        return std::min(m_queue.Empty() ? SinkClock::time_point::max() : m_nextRetry, m_queue.SyncDue());
     }
 
     void Retry() override {
-        Deliver();
+        // Also called when only the spool's fsync is due: a collector that is down is not tried
+        // before its back-off ends.
+        if (!m_queue.Empty() && SinkClock::now() >= m_nextRetry) {
+            Deliver();
+        }
         StoreSpool(false);
     }
 
     void Close() override {
-        // One last try over a working connection; no new connection that would hold up the stop.
-        if (m_fd >= 0) {
+        // One last try over a working connection, without waiting for it and without a new
+        // connection that would hold up the stop.
+        m_closing = true;
+        if (m_fd >= 0 && !m_connecting) {
             Deliver();
         }
         ReportDropped();
-        if (m_backlog.Empty()) {
-            StoreSpool(false);
+        StoreSpool(true);
+        if (m_queue.Empty()) {
+            // nothing left
         } else if (!m_config.spool.empty()) {
-            StoreSpool(true);
             SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
-                         "[Report] %z alarm(s) for %s kept in spool %s for the next start", m_backlog.Size(),
+                         "[Report] %z alarm(s) for %s kept in spool %s for the next start", m_queue.Size(),
                          m_label, m_config.spool);
         } else {
             SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
-                         "[Report] %z alarm(s) could not be sent to %s and are lost", m_backlog.Size(),
+                         "[Report] %z alarm(s) could not be sent to %s and are lost", m_queue.Size(),
                          m_label);
         }
         Disconnect();
     }
 
 private:
+    enum class Step { Ready, Pending, Failed };
+
+    static std::size_t BoundBytes(const ReportSink& config) {
+        if (config.transport != ReportSink::Transport::Tcp) {
+            return kSinkBacklogBytes;
+        }
+        return config.spoolMaxBytes > 0 ? config.spoolMaxBytes : kDefaultSpoolMaxBytes;
+    }
+
     bool IsTcp() const { return m_config.transport == ReportSink::Transport::Tcp; }
 
-    bool Connect() {
+    Step ConnectLocal(std::string& reason) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        if (m_config.path.size() >= sizeof(address.sun_path)) {
+            reason = std::strerror(ENAMETOOLONG);
+            return Step::Failed;
+        }
+        std::memcpy(address.sun_path, m_config.path.c_str(), m_config.path.size());
+        // Non-blocking: a reader that stops reading makes a send fail at once instead of holding
+        // the report thread.
+        m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (m_fd >= 0 && ::connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+            return Step::Ready;
+        }
+        reason = std::strerror(errno);
+        Disconnect();
+        return Step::Failed;
+    }
+
+    // One step towards a connection; never waits. Names are looked up on a thread of their own,
+    // connects are non-blocking and looked at again after kSinkPollMs.
+    Step Connect(std::string& reason) {
+        if (m_fd >= 0 && !m_connecting) {
+            return Step::Ready;
+        }
         if (m_config.transport == ReportSink::Transport::Local) {
-            sockaddr_un address{};
-            address.sun_family = AF_UNIX;
-            if (m_config.path.size() >= sizeof(address.sun_path)) {
-                errno = ENAMETOOLONG;
-                return false;
+            return ConnectLocal(reason);
+        }
+        return ConnectRemote(reason);
+    }
+
+    // A connect under way is looked at (done, failed: the next address, or pending); without one the
+    // name is looked up (or its lookup looked at) and the next address connected.
+    Step ConnectRemote(std::string& reason) {
+        if (m_connecting) {
+            pollfd wait{m_fd, POLLOUT, 0};
+            int error = 0;
+            if (poll(&wait, 1, 0) == 1) {
+                socklen_t size = sizeof(error);
+                getsockopt(m_fd, SOL_SOCKET, SO_ERROR, &error, &size);
+            } else if (SinkClock::now() < m_connectDeadline) {
+                return Step::Pending;
+            } else {
+                error = ETIMEDOUT;
             }
-            std::memcpy(address.sun_path, m_config.path.c_str(), m_config.path.size());
-            m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-            if (m_fd >= 0 && ::connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
-                return true;
+            if (error == 0) {
+                m_connecting = false;
+                SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Report] Connected to %s", m_label);
+                return Step::Ready;
             }
-            int error = errno;
+            m_lastError = error;
             Disconnect();
-            errno = error;
-            return false;
-        }
-        std::string host, port;
-        if (!SplitAddress(m_config.address, host, port)) {
-            errno = EINVAL;
-            return false;
-        }
-        addrinfo hints{};
-        hints.ai_socktype = IsTcp() ? SOCK_STREAM : SOCK_DGRAM;
-        addrinfo* found = nullptr;
-        if (getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0) {
-            errno = EHOSTUNREACH;
-            return false;
-        }
-        int error = EHOSTUNREACH;
-        for (addrinfo* at = found; at != nullptr && m_fd < 0; at = at->ai_next) {
-            m_fd = socket(at->ai_family, at->ai_socktype | SOCK_CLOEXEC, at->ai_protocol);
-            if (m_fd >= 0 && !ConnectWithin(m_fd, at->ai_addr, at->ai_addrlen)) {
-                error = errno;
-                Disconnect();
+            ++m_nextAddress;
+        } else if (m_addresses.empty()) {
+            std::string host, port;
+            if (!SplitAddress(m_config.address, host, port)) {
+                reason = "\"" + m_config.address + "\" is not host:port";
+                return Step::Failed;
             }
+            if (!m_resolution) {
+                m_resolution = StartResolution(host, port, IsTcp() ? SOCK_STREAM : SOCK_DGRAM);
+                m_resolveDeadline = SinkClock::now() + std::chrono::milliseconds(kResolveTimeoutMs);
+            } else if (m_resolveTimedOut) {
+                // The last attempt gave up on this lookup; it may still answer: wait for it again.
+                m_resolveDeadline = SinkClock::now() + std::chrono::milliseconds(kResolveTimeoutMs);
+            }
+            m_resolveTimedOut = false;
+            if (!m_resolution->Done()) {
+                if (SinkClock::now() < m_resolveDeadline) {
+                    return Step::Pending;
+                }
+                m_resolveTimedOut = true;
+                reason = "cannot resolve \"" + host + "\": no answer from the resolver within " +
+                         std::to_string(kResolveTimeoutMs / 1000) + " s";
+                return Step::Failed;
+            }
+            std::shared_ptr<Resolution> resolution = std::move(m_resolution);
+            std::lock_guard<std::mutex> guard(resolution->lock);
+            if (resolution->result != 0 || resolution->addresses.empty()) {
+                reason =
+                    "cannot resolve \"" + host + "\": " +
+                    (resolution->result == EAI_SYSTEM ? std::string(std::strerror(resolution->systemError))
+                     : resolution->result != 0        ? std::string(gai_strerror(resolution->result))
+                                                      : std::string("no address"));
+                return Step::Failed;
+            }
+            m_addresses = resolution->addresses;
+            m_nextAddress = 0;
+            m_lastError = EHOSTUNREACH;
         }
-        freeaddrinfo(found);
-        if (m_fd < 0) {
-            errno = error;
-            return false;
+        while (m_nextAddress < m_addresses.size()) {
+            const CollectorAddress& at = m_addresses[m_nextAddress];
+            m_fd = socket(at.family, at.socketType | SOCK_CLOEXEC | SOCK_NONBLOCK, at.protocol);
+            if (m_fd >= 0 &&
+                ::connect(m_fd, reinterpret_cast<const sockaddr*>(&at.address), at.length) == 0) {
+                if (IsTcp()) {
+                    SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Report] Connected to %s", m_label);
+                }
+                return Step::Ready;
+            }
+            if (m_fd >= 0 && errno == EINPROGRESS) {
+                m_connecting = true;
+                m_connectDeadline = SinkClock::now() + std::chrono::milliseconds(kCollectorTimeoutMs);
+                return ConnectRemote(reason);  // a connect over loopback is often done already
+            }
+            m_lastError = errno;
+            Disconnect();
+            ++m_nextAddress;
         }
-        timeval timeout{kCollectorTimeoutMs / 1000, (kCollectorTimeoutMs % 1000) * 1000};
-        setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
-        if (IsTcp()) {
-            SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Report] Connected to %s", m_label);
-        }
-        return true;
+        // Every address failed; the next attempt looks the name up again.
+        m_addresses.clear();
+        reason = std::strerror(m_lastError);
+        return Step::Failed;
     }
 
     void Disconnect() {
@@ -243,6 +370,9 @@ private:
             ::close(m_fd);
         }
         m_fd = -1;
+        m_connecting = false;
+        m_queue.ResetFront();
+        m_stalledSince.reset();
     }
 
     // A collector that went away closes its end: seen here before a send, so that the alarm is not
@@ -259,47 +389,67 @@ private:
         return recv(m_fd, ignored, sizeof(ignored), MSG_DONTWAIT) == 0;
     }
 
-    bool SendAll(const std::string& data) {
-        std::size_t sent = 0;
-        while (sent < data.size()) {
-            ssize_t n = send(m_fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n <= 0 || !IsTcp()) {
-                return n == static_cast<ssize_t>(data.size());
-            }
-            sent += static_cast<std::size_t>(n);
-        }
-        return true;
-    }
-
+    // Sends what the socket takes now; never waits for it.
     void Deliver() {
         bool reconnected = false;
-        while (!m_backlog.Empty()) {
-            if (m_fd >= 0 && IsTcp() && PeerClosed()) {
+        while (!m_queue.Empty()) {
+            if (m_fd >= 0 && !m_connecting && IsTcp() && m_queue.FrontSent() == 0 && PeerClosed()) {
                 Disconnect();
                 if (reconnected) {
-                    Failed(ECONNRESET);
+                    Failed(std::strerror(ECONNRESET));
                     return;
                 }
             }
-            if (m_fd < 0) {
-                if (!Connect()) {
-                    Failed(errno);
+            if (m_fd < 0 || m_connecting) {
+                if (m_closing) {
+                    return;
+                }
+                std::string reason;
+                Step step = Connect(reason);
+                if (step == Step::Pending) {
+                    m_nextRetry = SinkClock::now() + std::chrono::milliseconds(kSinkPollMs);
+                    return;
+                }
+                if (step == Step::Failed) {
+                    Failed(reason);
                     return;
                 }
                 reconnected = true;
             }
-            AlarmBacklog::Entry& entry = m_backlog.Front();
-            if (!SendAll(entry.data)) {
-                int error = errno;
+            const std::string& data = m_queue.Front();
+            const std::size_t sent = m_queue.FrontSent();
+            ssize_t n = send(m_fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+                if (IsTcp()) {
+                    // The collector reads slower than alarms come: the rest waits in the spool; one
+                    // that takes nothing for kCollectorTimeoutMs counts as down.
+                    if (!m_stalledSince) {
+                        m_stalledSince = SinkClock::now();
+                    }
+                    if (SinkClock::now() - *m_stalledSince < std::chrono::milliseconds(kCollectorTimeoutMs)) {
+                        m_nextRetry = SinkClock::now() + std::chrono::milliseconds(kSinkPollMs);
+                        return;
+                    }
+                    Disconnect();
+                    Failed("it took nothing for " + std::to_string(kCollectorTimeoutMs / 1000) + " s");
+                    return;
+                }
+                // A datagram reader whose queue is full: the alarms wait in memory, tried again.
+                Disconnect();
+                Failed("its reader does not keep up (" + std::string(std::strerror(EAGAIN)) + ")");
+                return;
+            }
+            if (n < 0 || (!IsTcp() && static_cast<std::size_t>(n) != data.size())) {
+                int error = n < 0 ? errno : EMSGSIZE;
                 if (error == EMSGSIZE) {
                     // No retry can send it; it must not hold up the alarms behind it.
                     SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
-                                 "[Report] Alarm of %z bytes too large for %s, dropped", entry.data.size(),
+                                 "[Report] Alarm of %z bytes too large for %s, dropped", data.size(),
                                  m_label);
-                    ConsumeFront();
+                    m_queue.PopFront();
                     continue;
                 }
                 // A stream may hold part of a frame, and a local syslog daemon that restarted has a new
@@ -307,10 +457,14 @@ private:
                 if (m_config.transport != ReportSink::Transport::Udp) {
                     Disconnect();
                 }
-                Failed(error);
+                Failed(std::strerror(error));
                 return;
             }
-            ConsumeFront();
+            m_stalledSince.reset();
+            m_queue.AddFrontSent(static_cast<std::size_t>(n));
+            if (m_queue.FrontSent() == data.size()) {
+                m_queue.PopFront();
+            }
         }
         if (m_failing) {
             m_failing = false;
@@ -321,18 +475,12 @@ private:
         m_nextRetry = SinkClock::time_point::max();
     }
 
-    // The oldest alarm has left the backlog; its bytes in the spool file are dead from now on.
-    void ConsumeFront() {
-        m_spoolDeadBytes += m_backlog.Front().stored ? m_backlog.Front().data.size() : 0;
-        m_backlog.PopFront();
-    }
-
     // Logged once per outage; the alarms wait in the backlog (and the spool).
-    void Failed(int error) {
+    void Failed(const std::string& reason) {
         if (!m_failing) {
             m_failing = true;
             SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Report] Cannot send alarms to %s: %s; keeping them%s",
-                         m_label, std::string(std::strerror(error)),
+                         m_label, reason,
                          m_config.spool.empty() ? std::string(" in memory") : " in spool " + m_config.spool);
         }
         if (IsTcp()) {
@@ -344,53 +492,16 @@ private:
     }
 
     void ReportDropped() {
-        if (std::size_t dropped = m_backlog.TakeDropped()) {
+        if (std::size_t dropped = m_queue.TakeDropped()) {
             SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
                          "[Report] Backlog for %s reached its bound of %z bytes: %z oldest alarm(s) dropped",
-                         m_label,
-                         IsTcp() && m_config.spoolMaxBytes > 0 ? m_config.spoolMaxBytes
-                         : IsTcp()                             ? kDefaultSpoolMaxBytes
-                                                               : kSinkBacklogBytes,
-                         dropped);
+                         m_label, BoundBytes(m_config), dropped);
         }
     }
 
-    // The spool file holds every frame of the backlog, in order, possibly after frames that were
-    // sent or dropped since ("dead" bytes). Emptied when the backlog empties; rewritten with the
-    // backlog alone when `compact` or when the dead bytes exceed the bound, so it stays below twice
-    // the bound.
-    void StoreSpool(bool compact) {
-        if (m_config.spool.empty() || m_spoolFd < 0) {
-            return;
-        }
-        const std::size_t bound = m_config.spoolMaxBytes > 0 ? m_config.spoolMaxBytes : kDefaultSpoolMaxBytes;
-        bool ok = true;
-        if (m_backlog.Empty()) {
-            if (m_spoolFileBytes > 0) {
-                ok = ftruncate(m_spoolFd, 0) == 0;
-                m_spoolFileBytes = 0;
-                m_spoolDeadBytes = 0;
-            }
-        } else if (compact || m_spoolDeadBytes > bound) {
-            ok = RewriteSpool();
-        } else {
-            std::string tail;
-            for (AlarmBacklog::Entry& entry : m_backlog.Entries()) {
-                if (!entry.stored) {
-                    tail += entry.data;
-                    entry.stored = true;
-                }
-            }
-            if (!tail.empty()) {
-                ok = ::write(m_spoolFd, tail.data(), tail.size()) == static_cast<ssize_t>(tail.size()) &&
-                     fdatasync(m_spoolFd) == 0;
-                m_spoolFileBytes += tail.size();
-                if (!ok) {
-                    // Whatever part landed is a torn frame: the next write rewrites the file whole.
-                    m_spoolDeadBytes = bound + 1;
-                }
-            }
-        }
+    // What was sent is recorded and what is left goes to the spool file (see SyslogSpool).
+    void StoreSpool(bool stopping) {
+        bool ok = m_queue.Persist(stopping);
         if (!ok && !m_spoolFailing) {
             SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
                          "[Report] Cannot write spool %s: %s; alarms kept in memory", m_config.spool,
@@ -399,89 +510,25 @@ private:
         m_spoolFailing = !ok;
     }
 
-    bool RewriteSpool() {
-        const std::string temporary = m_config.spool + ".new";
-        int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        std::string all;
-        for (const AlarmBacklog::Entry& entry : m_backlog.Entries()) {
-            all += entry.data;
-        }
-        bool ok = fd >= 0 && ::write(fd, all.data(), all.size()) == static_cast<ssize_t>(all.size()) &&
-                  fdatasync(fd) == 0;
-        if (fd >= 0) {
-            ::close(fd);
-        }
-        if (!ok || std::rename(temporary.c_str(), m_config.spool.c_str()) != 0) {
-            int error = errno;
-            ::unlink(temporary.c_str());
-            errno = error;
-            return false;
-        }
-        ::close(m_spoolFd);
-        m_spoolFd = ::open(m_config.spool.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-        for (AlarmBacklog::Entry& entry : m_backlog.Entries()) {
-            entry.stored = true;
-        }
-        m_spoolFileBytes = all.size();
-        m_spoolDeadBytes = 0;
-        return m_spoolFd >= 0;
-    }
-
-    // Reads the frames a previous run left. A torn last frame (power loss while writing) is dropped
-    // with a warning; frames beyond the bound are dropped oldest first.
-    bool LoadSpool(std::string& error) {
-        std::string text;
-        {
-            std::ifstream in(m_config.spool, std::ios::binary);
-            text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-        }
-        std::size_t at = 0;
-        while (at < text.size()) {
-            std::size_t space = text.find(' ', at);
-            std::size_t length = 0;
-            bool ok = space != std::string::npos && space > at && space - at <= 9 &&
-                      text.find_first_not_of("0123456789", at) == space;
-            if (ok) {
-                length = std::stoul(text.substr(at, space - at));
-                ok = length > 0 && text.size() - (space + 1) >= length;
-            }
-            if (!ok) {
-                SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
-                             "[Report] Spool %s ends in a torn record: %z byte(s) ignored", m_config.spool,
-                             text.size() - at);
-                break;
-            }
-            m_backlog.Push(text.substr(at, space + 1 + length - at), true);
-            at = space + 1 + length;
-        }
-        ReportDropped();
-        m_spoolFd = ::open(m_config.spool.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-        if (m_spoolFd < 0) {
-            error = std::strerror(errno);
-            return false;
-        }
-        m_spoolFileBytes = text.size();
-        // Anything ignored or dropped above makes the file differ from the backlog: rewrite it.
-        if (m_backlog.Empty()) {
-            StoreSpool(false);
-        } else if (at != text.size() || m_backlog.Bytes() != text.size()) {
-            StoreSpool(true);
-        }
-        return true;
-    }
-
     ReportSink m_config;
     std::string m_label;
-    AlarmBacklog m_backlog;
+    SyslogSpool m_queue;
     std::string m_hostName;
     std::string m_pid;
     int m_fd = -1;
+    bool m_connecting = false;
+    bool m_closing = false;
+    SinkClock::time_point m_connectDeadline;
+    std::shared_ptr<Resolution> m_resolution;
+    SinkClock::time_point m_resolveDeadline;
+    bool m_resolveTimedOut = false;
+    std::vector<CollectorAddress> m_addresses;
+    std::size_t m_nextAddress = 0;
+    int m_lastError = EHOSTUNREACH;
+    std::optional<SinkClock::time_point> m_stalledSince;
     bool m_failing = false;
     long m_backoffMs = kReconnectFirstMs;
     SinkClock::time_point m_nextRetry = SinkClock::time_point::max();
-    int m_spoolFd = -1;
-    std::size_t m_spoolFileBytes = 0;
-    std::size_t m_spoolDeadBytes = 0;
     bool m_spoolFailing = false;
 };
 
