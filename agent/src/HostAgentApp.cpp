@@ -3,6 +3,7 @@
 #include "AgentConfig.h"
 #include "AgentRuntime.h"
 #include "AgentTunables.h"
+#include "ModuleHost.h"
 #include "PolicyFile.h"
 #include "PolicyLint.h"
 #include "StatusFile.h"
@@ -31,7 +32,8 @@ paths start at the config file's folder):
                         "console": true|false (log to stderr), "file": log file ("" for none)}
   "connect"            ["address:port", ...]  management-server endpoints, readable by modules
   "cpu_limit_percent"  0..100, CPU share per busy thread in percent of one core (0: no limit)
-  "modules"            [module library, ...]  loaded in this order (each exports CreateModule)
+  "modules"            [module library, ...]  loaded in this order (each exports CreateModule
+                       and its plug-in API version)
   "policies"           {"feature key": policy file, ...}  each file holds one JSON object
   "report"             {"sinks": [{"type": "stdout"} | {"type": "file", "path": file}
                                  | {"type": "syslog"[, "path": local socket (/dev/log)]}
@@ -109,6 +111,18 @@ private:
     bool m_written = false;
 };
 
+// True when every module library can serve this agent (its plug-in API version); a running agent
+// checks the same as it loads each library.
+bool CheckModuleLibraries(const AgentConfig& config, std::string& error) {
+    for (const std::string& module : config.modules) {
+        if (!ModuleHost::CheckLibrary(module, error)) {
+            error = config.file + ": " + error;
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 HostAgentApp::HostAgentApp() = default;
@@ -168,7 +182,8 @@ std::string HostAgentApp::HelpText() {
     formatter.setUnixStyle(true);
     formatter.setWidth(100);
     formatter.setCommand("hostagent");
-    formatter.setUsage("--config FILE [--check-config] [--pid-file FILE] | --status [--config FILE] | --version | --help");
+    formatter.setUsage(
+        "--config FILE [--check-config] [--pid-file FILE] | --status [--config FILE] | --version | --help");
     formatter.setHeader(
         "Host security agent: loads detection modules, feeds them their policies and "
         "reports their alarm events.");
@@ -206,7 +221,7 @@ int HostAgentApp::main(const std::vector<std::string>& args) {
     AgentConfig config;
     std::string error;
     if (!LoadAgentConfig(m_configPath, config, error) || !CheckModuleFiles(config, error) ||
-        (m_checkOnly && !CheckPolicyFiles(config, error))) {
+        (m_checkOnly && (!CheckModuleLibraries(config, error) || !CheckPolicyFiles(config, error)))) {
         std::cerr << "hostagent: " << error << "\n";
         return EXIT_CONFIG;
     }

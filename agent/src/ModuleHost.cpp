@@ -3,6 +3,7 @@
 #include "FileSafety.h"
 #include "framework/Engine.h"
 #include "framework/Module.h"
+#include "framework/ModuleApi.h"
 #include "sdk/LogStatement.h"
 
 #include <dlfcn.h>
@@ -20,6 +21,26 @@ const char* const kFactoryName = "CreateModule";
 std::string LastDlError() {
     const char* text = dlerror();
     return text != nullptr ? text : "unknown error";
+}
+
+// True when the library behind `handle` was built for this agent's plug-in API version. Nothing of
+// the library is called but the version function.
+bool CheckApiVersion(void* handle, const std::string& path, std::string& error) {
+    const std::string expected = std::to_string(Framework::kModuleApiVersion);
+    void* symbol = dlsym(handle, Framework::kModuleApiVersionSymbol);
+    if (symbol == nullptr) {
+        error = "module " + path + " has no plug-in API version (" + Framework::kModuleApiVersionSymbol +
+                "): found none, this agent needs version " + expected +
+                "; rebuild the module against this agent";
+        return false;
+    }
+    const unsigned found = reinterpret_cast<Framework::ModuleApiVersionFunction>(symbol)();
+    if (found != Framework::kModuleApiVersion) {
+        error = "module " + path + " was built for plug-in API version " + std::to_string(found) +
+                ", this agent needs version " + expected + "; rebuild the module against this agent";
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -42,6 +63,10 @@ bool ModuleHost::Load(const std::string& path, std::string& error) {
     void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
         error = "cannot load module " + path + ": " + LastDlError();
+        return false;
+    }
+    if (!CheckApiVersion(handle, path, error)) {
+        dlclose(handle);  // only the version function ran
         return false;
     }
     void* symbol = dlsym(handle, kFactoryName);
@@ -76,6 +101,18 @@ bool ModuleHost::Load(const std::string& path, std::string& error) {
     SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] Module %s loaded from %s",
                  std::string(module->name()), path);
     return true;
+}
+
+bool ModuleHost::CheckLibrary(const std::string& path, std::string& error) {
+    dlerror();
+    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) {
+        error = "cannot load module " + path + ": " + LastDlError();
+        return false;
+    }
+    const bool compatible = CheckApiVersion(handle, path, error);
+    dlclose(handle);
+    return compatible;
 }
 
 void ModuleHost::Stop(Loaded& loaded) {

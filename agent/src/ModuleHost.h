@@ -26,10 +26,15 @@ public:
     ModuleHost(const ModuleHost&) = delete;
     ModuleHost& operator=(const ModuleHost&) = delete;
 
-    // dlopen(RTLD_NOW | RTLD_LOCAL), CreateModule(), Engine::AddModule, Init(). False, with
-    // `error` naming the library and the cause, when any step fails; a module whose Init() failed
-    // is stopped again at once.
+    // dlopen(RTLD_NOW | RTLD_LOCAL), the plug-in API version check, CreateModule(),
+    // Engine::AddModule, Init(). False, with `error` naming the library and the cause, when any step
+    // fails; a module whose Init() failed is stopped again at once.
     bool Load(const std::string& path, std::string& error);
+
+    // Opens the library `path`, checks its plug-in API version (framework/ModuleApi.h) and closes it
+    // again, creating nothing. False, with `error` naming the file, the version found and the one
+    // expected, when it cannot serve this agent.
+    static bool CheckLibrary(const std::string& path, std::string& error);
 
     // In reverse load order: UnInit(), Engine::ReleasePolicies, Engine::RemoveModule, delete.
     void StopAll();

@@ -2,6 +2,7 @@
 
 #include "CollectPortInfoTask.h"
 #include "PortScanPolicy.h"
+#include "framework/ModuleApi.h"
 #include "framework/Policy.h"
 #include "framework/PolicyCallback.h"
 #include "framework/Task.h"
@@ -114,6 +115,8 @@ Poco::Logger* GetRootLoggerPtr() {
 
 }  // namespace PortScan
 }  // namespace Engine
+
+HOSTAGENT_MODULE_API_VERSION_EXPORT
 
 extern "C" Framework::Module* CreateModule() {
     // A throwing constructor makes the new-expression release the memory and rethrow.

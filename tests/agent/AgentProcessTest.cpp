@@ -172,6 +172,32 @@ TEST(AgentProcessTest, CheckConfigNamesTheFileAndTheProblem) {
     }
 }
 
+TEST(AgentProcessTest, ModulesOfAnotherPluginApiAreRefusedAtStartAndByCheckConfig) {
+    const struct {
+        const char* library;
+        const char* problem;
+    } cases[] = {
+        {TEST_MODULE_OTHER_API, "was built for plug-in API version 999, this agent needs version 1"},
+        {TEST_MODULE_NO_API,
+         "has no plug-in API version (HostAgentModuleApiVersion): found none, this "
+         "agent needs version 1"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.library);
+        TempDir dir;
+        WriteFile(dir.File("agent.json"), std::string(R"({"modules": [")") + c.library + R"("]})");
+        const std::string expected = std::string("module ") + c.library + " " + c.problem;
+        const RunResult check = CheckConfig(dir);
+        EXPECT_NE(check.code, 0);
+        EXPECT_NE(check.output.find(dir.File("agent.json") + ": " + expected), std::string::npos)
+            << check.output;
+        const RunResult start =
+            TestSupport::Run({HOSTAGENT_BIN, "--config", dir.File("agent.json")}, "", Seconds(30));
+        EXPECT_NE(start.code, 0);
+        EXPECT_NE(start.output.find(expected), std::string::npos) << start.output;
+    }
+}
+
 TEST(AgentProcessTest, FilesOtherUsersCanChangeAreRefused) {
     const struct {
         const char* unsafe;  // made writable by all ("" for none)

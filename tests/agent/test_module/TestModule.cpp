@@ -5,6 +5,7 @@
 // purpose: the report task must write it as one line.
 #include "framework/Message.h"
 #include "framework/Module.h"
+#include "framework/ModuleApi.h"
 #include "framework/Policy.h"
 #include "framework/PolicyCallback.h"
 #include "framework/Task.h"
@@ -74,6 +75,16 @@ private:
 };
 
 }  // namespace
+
+// Variants of this library test the host's version check: one built for another version, one
+// built before there was a version.
+#if defined(TEST_MODULE_API_VERSION)
+extern "C" unsigned HostAgentModuleApiVersion() {
+    return TEST_MODULE_API_VERSION;
+}
+#elif !defined(TEST_MODULE_WITHOUT_API_VERSION)
+HOSTAGENT_MODULE_API_VERSION_EXPORT
+#endif
 
 extern "C" Framework::Module* CreateModule() {
     return new TestModule;
