@@ -1,14 +1,17 @@
 #include "AgentConfig.h"
 
+#include "AgentKeys.h"
 #include "AgentTunables.h"
 #include "FileSafety.h"
 #include "JsonText.h"
 #include "PolicyFile.h"
+#include "builtin_tasks/HostPort.h"
 
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/Path.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -49,14 +52,13 @@ std::string Quoted(const std::string& text) {
     return "\"" + text + "\"";
 }
 
-void RejectUnknownKeys(const Json::Value& object, const std::string& where,
-                       std::initializer_list<const char*> known) {
+// Refuses a key of `object` (found at `where`, "" for the top) that the key table has not below
+// `parent`; a sink of `sinkType` takes only the sink keys of its type.
+void RejectUnknownKeys(const Json::Value& object, const std::string& where, const std::string& parent,
+                       const std::string& sinkType = "") {
+    const std::vector<std::string> known = ChildKeys(parent, sinkType);
     for (const std::string& key : object.getMemberNames()) {
-        bool found = false;
-        for (const char* name : known) {
-            found = found || key == name;
-        }
-        if (!found) {
+        if (std::find(known.begin(), known.end(), key) == known.end()) {
             throw ConfigProblem("unknown key " + Quoted(where.empty() ? key : where + "." + key));
         }
     }
@@ -79,6 +81,30 @@ std::string NonEmptyString(const Json::Value& value, const std::string& where) {
     return text;
 }
 
+// The integer at `where`, in the range of `key`.
+long long IntegerIn(const Json::Value& value, const std::string& where, const AgentKey& key) {
+    const std::string range = KeyRangeText(key);
+    if (!value.isIntegral()) {
+        throw ConfigProblem(Quoted(where) + " must be " + range);
+    }
+    const long long number = value.asLargestInt();
+    if (number < key.low || number > key.high) {
+        throw ConfigProblem(Quoted(where) + " must be " + range + ", not " + std::to_string(number));
+    }
+    return number;
+}
+
+// The string at `where`, one of the choices of `key`; `what` names a wrong one ("unknown level").
+std::string ChoiceOf(const Json::Value& value, const std::string& where, const AgentKey& key,
+                     const std::string& what) {
+    const std::string text = Expect(value, Json::stringValue, where, "a string").asString();
+    if (!IsChoiceOf(key, text)) {
+        throw ConfigProblem(Quoted(where) + ": " + what + " " + Quoted(text) + " (use " + KeyRangeText(key) +
+                            ")");
+    }
+    return text;
+}
+
 class Resolver {
 public:
     explicit Resolver(const std::string& folder) : m_folder(Poco::Path::forDirectory(folder)) {}
@@ -94,13 +120,9 @@ private:
 
 void ParseLog(const Json::Value& log, const Resolver& resolve, SDK::LogSettings& settings) {
     Expect(log, Json::objectValue, "log", "an object");
-    RejectUnknownKeys(log, "log", {"level", "console", "file"});
+    RejectUnknownKeys(log, "log", "log");
     if (log.isMember("level")) {
-        settings.level = Expect(log["level"], Json::stringValue, "log.level", "a string").asString();
-        if (SDK::LoggerUtils::LevelFromName(settings.level) < 0) {
-            throw ConfigProblem("\"log.level\": unknown level " + Quoted(settings.level) +
-                                " (use error, warning, information or debug)");
-        }
+        settings.level = ChoiceOf(log["level"], "log.level", Key("log.level"), "unknown level");
     }
     if (log.isMember("console")) {
         settings.console =
@@ -117,12 +139,9 @@ void ParseConnect(const Json::Value& connect, std::vector<std::string>& endpoint
     for (Json::ArrayIndex i = 0; i < connect.size(); ++i) {
         std::string where = "connect[" + std::to_string(i) + "]";
         std::string endpoint = NonEmptyString(connect[i], where);
-        std::size_t colon = endpoint.rfind(':');
-        std::string port = colon == std::string::npos ? "" : endpoint.substr(colon + 1);
-        bool portOk = !port.empty() && port.size() <= 5 &&
-                      port.find_first_not_of("0123456789") == std::string::npos && std::stoi(port) >= 1 &&
-                      std::stoi(port) <= 65535;
-        if (colon == 0 || !portOk) {
+        std::string host;
+        unsigned short port = 0;
+        if (!Engine::ParseHostPort(endpoint, host, port)) {
             throw ConfigProblem(Quoted(where) + ": " + Quoted(endpoint) +
                                 " is not of the form address:port (port 1..65535)");
         }
@@ -157,7 +176,7 @@ void ParsePolicies(const Json::Value& policies, const Resolver& resolve, std::ve
 // "udp" (the default) or "tcp"; only TCP has a spool.
 Engine::ReportSink ParseSyslogSink(const Json::Value& sink, const std::string& where,
                                    const Resolver& resolve) {
-    RejectUnknownKeys(sink, where, {"type", "path", "address", "protocol", "spool", "spool_max_bytes"});
+    RejectUnknownKeys(sink, where, "report.sinks[]", "syslog");
     Engine::ReportSink parsed;
     parsed.kind = Engine::ReportSink::Kind::Syslog;
     if (!sink.isMember("address")) {
@@ -175,26 +194,18 @@ Engine::ReportSink ParseSyslogSink(const Json::Value& sink, const std::string& w
         throw ConfigProblem(Quoted(where + ".path") + " names the local syslog socket; not with \"address\"");
     }
     parsed.address = NonEmptyString(sink["address"], where + ".address");
-    std::size_t colon = parsed.address.rfind(':');
-    std::string port = colon == std::string::npos ? "" : parsed.address.substr(colon + 1);
-    if (colon == 0 || port.empty() || port.size() > 5 ||
-        port.find_first_not_of("0123456789") != std::string::npos || std::stoi(port) < 1 ||
-        std::stoi(port) > 65535) {
+    std::string host;
+    unsigned short port = 0;
+    if (!Engine::ParseHostPort(parsed.address, host, port)) {
         throw ConfigProblem(Quoted(where + ".address") + ": " + Quoted(parsed.address) +
                             " is not of the form host:port (port 1..65535)");
     }
-    std::string protocol =
-        sink.isMember("protocol")
-            ? Expect(sink["protocol"], Json::stringValue, where + ".protocol", "a string").asString()
-            : "udp";
-    if (protocol == "udp") {
-        parsed.transport = Engine::ReportSink::Transport::Udp;
-    } else if (protocol == "tcp") {
-        parsed.transport = Engine::ReportSink::Transport::Tcp;
-    } else {
-        throw ConfigProblem(Quoted(where + ".protocol") + ": unknown protocol " + Quoted(protocol) +
-                            " (use \"udp\" or \"tcp\")");
-    }
+    const AgentKey& protocolKey = Key("report.sinks[].protocol");
+    const std::string protocol = sink.isMember("protocol") ? ChoiceOf(sink["protocol"], where + ".protocol",
+                                                                      protocolKey, "unknown protocol")
+                                                           : protocolKey.defaultText;
+    parsed.transport =
+        protocol == "tcp" ? Engine::ReportSink::Transport::Tcp : Engine::ReportSink::Transport::Udp;
     for (const char* key : {"spool", "spool_max_bytes"}) {
         if (sink.isMember(key) && parsed.transport != Engine::ReportSink::Transport::Tcp) {
             throw ConfigProblem(Quoted(where + "." + key) + " needs \"protocol\": \"tcp\"");
@@ -204,20 +215,15 @@ Engine::ReportSink ParseSyslogSink(const Json::Value& sink, const std::string& w
         parsed.spool = resolve(NonEmptyString(sink["spool"], where + ".spool"));
     }
     if (sink.isMember("spool_max_bytes")) {
-        const Json::Value& bound = sink["spool_max_bytes"];
-        if (!bound.isIntegral() || bound.asLargestInt() < kMinSpoolBytes ||
-            bound.asLargestInt() > kMaxSpoolBytes) {
-            throw ConfigProblem(Quoted(where + ".spool_max_bytes") + " must be an integer " +
-                                std::to_string(kMinSpoolBytes) + ".." + std::to_string(kMaxSpoolBytes));
-        }
-        parsed.spoolMaxBytes = static_cast<std::size_t>(bound.asLargestInt());
+        parsed.spoolMaxBytes = static_cast<std::size_t>(IntegerIn(
+            sink["spool_max_bytes"], where + ".spool_max_bytes", Key("report.sinks[].spool_max_bytes")));
     }
     return parsed;
 }
 
 void ParseReport(const Json::Value& report, const Resolver& resolve, std::vector<Engine::ReportSink>& sinks) {
     Expect(report, Json::objectValue, "report", "an object");
-    RejectUnknownKeys(report, "report", {"sinks"});
+    RejectUnknownKeys(report, "report", "report");
     if (!report.isMember("sinks")) {
         throw ConfigProblem("\"report.sinks\" is missing");
     }
@@ -229,26 +235,24 @@ void ParseReport(const Json::Value& report, const Resolver& resolve, std::vector
     for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
         std::string where = "report.sinks[" + std::to_string(i) + "]";
         const Json::Value& sink = Expect(list[i], Json::objectValue, where, "an object");
+        const AgentKey& typeKey = Key("report.sinks[].type");
         if (!sink.isMember("type")) {
-            throw ConfigProblem(Quoted(where + ".type") + " is missing (\"stdout\", \"file\" or \"syslog\")");
+            throw ConfigProblem(Quoted(where + ".type") + " is missing (" + KeyRangeText(typeKey) + ")");
         }
-        std::string type = Expect(sink["type"], Json::stringValue, where + ".type", "a string").asString();
+        const std::string type = ChoiceOf(sink["type"], where + ".type", typeKey, "unknown sink type");
         Engine::ReportSink parsed;
         if (type == "stdout") {
-            RejectUnknownKeys(sink, where, {"type"});
+            RejectUnknownKeys(sink, where, "report.sinks[]", type);
             parsed.kind = Engine::ReportSink::Kind::Stdout;
         } else if (type == "file") {
-            RejectUnknownKeys(sink, where, {"type", "path"});
+            RejectUnknownKeys(sink, where, "report.sinks[]", type);
             if (!sink.isMember("path")) {
                 throw ConfigProblem(Quoted(where + ".path") + " is missing");
             }
             parsed.kind = Engine::ReportSink::Kind::File;
             parsed.path = resolve(NonEmptyString(sink["path"], where + ".path"));
-        } else if (type == "syslog") {
-            parsed = ParseSyslogSink(sink, where, resolve);
         } else {
-            throw ConfigProblem(Quoted(where + ".type") + ": unknown sink type " + Quoted(type) +
-                                " (use \"stdout\", \"file\" or \"syslog\")");
+            parsed = ParseSyslogSink(sink, where, resolve);
         }
         std::string identity = parsed.kind == Engine::ReportSink::Kind::Stdout ? "stdout"
                                : parsed.address.empty()                        ? parsed.path
@@ -260,26 +264,19 @@ void ParseReport(const Json::Value& report, const Resolver& resolve, std::vector
     }
 }
 
-long IntegerIn(const Json::Value& value, const std::string& where, long low, long high) {
-    const std::string range = "an integer " + std::to_string(low) + ".." + std::to_string(high);
-    Expect(value, Json::intValue, where, range.c_str());
-    const long number = value.asInt();
-    if (number < low || number > high) {
-        throw ConfigProblem(Quoted(where) + " must be " + range + ", not " + std::to_string(number));
-    }
-    return number;
-}
-
 void ParseSupervisor(const Json::Value& supervisor, AgentConfig& config) {
     Expect(supervisor, Json::objectValue, "supervisor", "an object");
-    RejectUnknownKeys(supervisor, "supervisor", {"restart_delay_s", "renew_after_s"});
-    if (supervisor.isMember("restart_delay_s")) {
-        config.restartDelaySeconds = static_cast<int>(
-            IntegerIn(supervisor["restart_delay_s"], "supervisor.restart_delay_s", 1, 86400));
-    }
-    if (supervisor.isMember("renew_after_s")) {
-        config.renewAfterSeconds =
-            IntegerIn(supervisor["renew_after_s"], "supervisor.renew_after_s", 0, 365L * 86400);
+    RejectUnknownKeys(supervisor, "supervisor", "supervisor");
+    for (const char* name : {"supervisor.restart_delay_s", "supervisor.renew_after_s"}) {
+        const std::string key = std::string(name).substr(std::string("supervisor.").size());
+        if (supervisor.isMember(key)) {
+            const long long value = IntegerIn(supervisor[key], name, Key(name));
+            if (key == "restart_delay_s") {
+                config.restartDelaySeconds = static_cast<int>(value);
+            } else {
+                config.renewAfterSeconds = static_cast<long>(value);
+            }
+        }
     }
 }
 
@@ -301,9 +298,7 @@ bool ParseAgentConfig(const std::string& path, const std::string& text, AgentCon
         if (!root.isObject()) {
             throw ConfigProblem("the config must be a JSON object");
         }
-        RejectUnknownKeys(root, "",
-                          {"log", "connect", "cpu_limit_percent", "modules", "policies", "report",
-                           "supervisor", "status_file"});
+        RejectUnknownKeys(root, "", "");
         Resolver resolve(parsed.folder);
         if (root.isMember("log")) {
             ParseLog(root["log"], resolve, parsed.log);
@@ -312,13 +307,8 @@ bool ParseAgentConfig(const std::string& path, const std::string& text, AgentCon
             ParseConnect(root["connect"], parsed.connect);
         }
         if (root.isMember("cpu_limit_percent")) {
-            parsed.cpuLimitPercent =
-                Expect(root["cpu_limit_percent"], Json::intValue, "cpu_limit_percent", "an integer 0..100")
-                    .asInt();
-            if (parsed.cpuLimitPercent < 0 || parsed.cpuLimitPercent > 100) {
-                throw ConfigProblem("\"cpu_limit_percent\" must be an integer 0..100, not " +
-                                    std::to_string(parsed.cpuLimitPercent));
-            }
+            parsed.cpuLimitPercent = static_cast<int>(
+                IntegerIn(root["cpu_limit_percent"], "cpu_limit_percent", Key("cpu_limit_percent")));
         }
         if (root.isMember("modules")) {
             ParseModules(root["modules"], resolve, parsed.modules);

@@ -1,6 +1,7 @@
 #include "HostAgentApp.h"
 
 #include "AgentConfig.h"
+#include "AgentKeys.h"
 #include "AgentRuntime.h"
 #include "AgentTunables.h"
 #include "ModuleHost.h"
@@ -26,29 +27,16 @@ namespace HostAgent {
 
 namespace {
 
-const char* const kConfigHelp = R"(Config file (JSON; every key optional, unknown keys are refused; relative
-paths start at the config file's folder):
-  "log"                {"level": "error"|"warning"|"information"|"debug",
-                        "console": true|false (log to stderr), "file": log file ("" for none)}
-  "connect"            ["address:port", ...]  management-server endpoints, readable by modules
-  "cpu_limit_percent"  0..100, CPU share per busy thread in percent of one core (0: no limit)
-  "modules"            [module library, ...]  loaded in this order (each exports CreateModule
-                       and its plug-in API version)
-  "policies"           {"feature key": policy file, ...}  each file holds one JSON object
-  "report"             {"sinks": [{"type": "stdout"} | {"type": "file", "path": file}
-                                 | {"type": "syslog"[, "path": local socket (/dev/log)]}
-                                 | {"type": "syslog", "address": "host:port",
-                                    "protocol": "udp"|"tcp", "spool": file (tcp only),
-                                    "spool_max_bytes": 65536..1073741824 (tcp only)}, ...]}
-                       where alarm events go, one JSON document per line (default: stdout);
-                       syslog sinks send RFC 5424 messages (APP-NAME hostagent, MSGID the
-                       alarm's "event_classid", MSG the document), over TCP octet-counted
-  "supervisor"         {"restart_delay_s": 1..86400 (60), "renew_after_s": 0..31536000 (86400)}
-                       a module task that stops by itself starts again after restart_delay_s
-                       (doubling on quick repeats, up to an hour); every renew_after_s each module
-                       task starts afresh (0: never)
-  "status_file"        status of the running agent, JSON (default: hostagent.status.json beside
-                       the log file); read it with --status
+const char* const kConfigHeader = R"(Config file (JSON; every key optional, unknown keys are refused; relative
+paths start at the config file's folder; a module library exports CreateModule and its plug-in API
+version). Keys, with their values and defaults:
+)";
+
+const char* const kConfigHelp = R"(
+Alarm events go, one JSON document per line, to every sink of "report.sinks" (default: stdout);
+syslog sinks send RFC 5424 messages (APP-NAME hostagent, MSGID the alarm's "event_classid", MSG the
+document), over TCP octet-counted. A module task that stops by itself starts again after
+"supervisor.restart_delay_s" (doubling on quick repeats, up to an hour).
 
 Signals:
   SIGHUP               deliver every policy file again
@@ -188,7 +176,7 @@ std::string HostAgentApp::HelpText() {
         "Host security agent: loads detection modules, feeds them their policies and "
         "reports their alarm events.");
     formatter.format(text);
-    text << "\n" << kConfigHelp;
+    text << "\n" << kConfigHeader << KeyHelpText() << kConfigHelp;
     return text.str();
 }
 

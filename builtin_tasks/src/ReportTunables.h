@@ -17,9 +17,6 @@ constexpr long kSinkRetryMs = 1000;
 // far more than a module raises in an hour, and a bounded amount of memory.
 constexpr std::size_t kSinkBacklogBytes = 8 * 1024 * 1024;
 
-// Default bound of a TCP syslog spool: a day-long outage of a busy host fits.
-constexpr std::size_t kDefaultSpoolMaxBytes = 16 * 1024 * 1024;
-
 // Reconnects to a collector back off from one second to half a minute: a restarting collector is
 // reached quickly, one that is down for long is not hammered by a fleet.
 constexpr long kReconnectFirstMs = 1000;

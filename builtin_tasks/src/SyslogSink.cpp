@@ -1,6 +1,7 @@
 #include "AlarmSinks.h"
 #include "ReportTunables.h"
 #include "SyslogSpool.h"
+#include "builtin_tasks/HostPort.h"
 #include "sdk/LogStatement.h"
 
 #include <fcntl.h>
@@ -56,20 +57,6 @@ std::string Timestamp() {
     std::size_t length = std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &utc);
     std::snprintf(text + length, sizeof(text) - length, ".%06ldZ", now.tv_nsec / 1000);
     return text;
-}
-
-// Splits "host:port" and "[v6]:port".
-bool SplitAddress(const std::string& address, std::string& host, std::string& port) {
-    std::size_t colon = address.rfind(':');
-    if (colon == std::string::npos || colon == 0 || colon + 1 == address.size()) {
-        return false;
-    }
-    host = address.substr(0, colon);
-    port = address.substr(colon + 1);
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
-        host = host.substr(1, host.size() - 2);
-    }
-    return true;
 }
 
 // One address of a collector, as the resolver gave it.
@@ -245,7 +232,7 @@ private:
         if (config.transport != ReportSink::Transport::Tcp) {
             return kSinkBacklogBytes;
         }
-        return config.spoolMaxBytes > 0 ? config.spoolMaxBytes : kDefaultSpoolMaxBytes;
+        return config.spoolMaxBytes > 0 ? config.spoolMaxBytes : ReportSink::kDefaultSpoolMaxBytes;
     }
 
     bool IsTcp() const { return m_config.transport == ReportSink::Transport::Tcp; }
@@ -304,11 +291,13 @@ private:
             Disconnect();
             ++m_nextAddress;
         } else if (m_addresses.empty()) {
-            std::string host, port;
-            if (!SplitAddress(m_config.address, host, port)) {
+            std::string host;
+            unsigned short portNumber = 0;
+            if (!ParseHostPort(m_config.address, host, portNumber)) {
                 reason = "\"" + m_config.address + "\" is not host:port";
                 return Step::Failed;
             }
+            const std::string port = std::to_string(portNumber);
             if (!m_resolution) {
                 m_resolution = StartResolution(host, port, IsTcp() ? SOCK_STREAM : SOCK_DGRAM);
                 m_resolveDeadline = SinkClock::now() + std::chrono::milliseconds(kResolveTimeoutMs);

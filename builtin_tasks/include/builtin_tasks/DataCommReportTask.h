@@ -24,6 +24,8 @@ struct ReportSink {
     // memory only); at most `spoolMaxBytes` of them, the oldest dropped first.
     std::string spool;
     std::size_t spoolMaxBytes = 0;  // 0: the default bound
+    // The default bound of a TCP syslog spool: a day-long outage of a busy host fits.
+    static constexpr std::size_t kDefaultSpoolMaxBytes = 16 * 1024 * 1024;
 };
 
 // "data_comm_report_task": receives DataMessages; type "2" is an alarm event whose body is one JSON
