@@ -236,7 +236,7 @@ bool AgentRuntime::DeliverPolicyFile(const std::string& key, const std::string& 
     if (known != m_deliveries.end() && known->second.text == text) {
         warnings = known->second.warnings;  // said once for this text already
     } else {
-        const std::vector<std::string> findings = LintPolicy(path, text, CountLocalIpv4Addresses());
+        const std::vector<std::string> findings = LintPolicy(m_modules, key, path, text);
         for (const std::string& finding : findings) {
             SDK_ROOT_LOG(Poco::Message::PRIO_WARNING, "[Policy] %s", finding);
         }

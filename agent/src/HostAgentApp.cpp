@@ -99,18 +99,6 @@ private:
     bool m_written = false;
 };
 
-// True when every module library can serve this agent (its plug-in API version); a running agent
-// checks the same as it loads each library.
-bool CheckModuleLibraries(const AgentConfig& config, std::string& error) {
-    for (const std::string& module : config.modules) {
-        if (!ModuleHost::CheckLibrary(module, error)) {
-            error = config.file + ": " + error;
-            return false;
-        }
-    }
-    return true;
-}
-
 }  // namespace
 
 HostAgentApp::HostAgentApp() = default;
@@ -180,6 +168,34 @@ std::string HostAgentApp::HelpText() {
     return text.str();
 }
 
+int HostAgentApp::CheckOnly(const AgentConfig& config) {
+    // The modules are created, not started: they judge their own policies.
+    ModuleHost modules(*this);
+    std::string error;
+    for (const std::string& module : config.modules) {
+        if (!modules.LoadForChecks(module, error)) {
+            std::cerr << "hostagent: " << config.file << ": " << error << "\n";
+            return EXIT_CONFIG;
+        }
+    }
+    if (!CheckPolicyFiles(config, error)) {
+        std::cerr << "hostagent: " << error << "\n";
+        return EXIT_CONFIG;
+    }
+    // Findings do not fail the check: the module runs such policies, only less well.
+    for (const PolicySource& source : config.policies) {
+        std::string text;
+        std::string problem;
+        if (ReadPolicyFile(source.path, text, problem)) {
+            for (const std::string& finding : LintPolicy(modules, source.key, source.path, text)) {
+                std::cout << finding << "\n";
+            }
+        }
+    }
+    std::cout << "configuration OK\n";
+    return EXIT_OK;
+}
+
 int HostAgentApp::main(const std::vector<std::string>& args) {
     if (m_help) {
         std::cout << HelpText();
@@ -208,25 +224,12 @@ int HostAgentApp::main(const std::vector<std::string>& args) {
     }
     AgentConfig config;
     std::string error;
-    if (!LoadAgentConfig(m_configPath, config, error) || !CheckModuleFiles(config, error) ||
-        (m_checkOnly && (!CheckModuleLibraries(config, error) || !CheckPolicyFiles(config, error)))) {
+    if (!LoadAgentConfig(m_configPath, config, error) || !CheckModuleFiles(config, error)) {
         std::cerr << "hostagent: " << error << "\n";
         return EXIT_CONFIG;
     }
     if (m_checkOnly) {
-        // Findings do not fail the check: the module runs such policies, only less well.
-        const int addresses = CountLocalIpv4Addresses();
-        for (const PolicySource& source : config.policies) {
-            std::string text;
-            std::string problem;
-            if (ReadPolicyFile(source.path, text, problem)) {
-                for (const std::string& finding : LintPolicy(source.path, text, addresses)) {
-                    std::cout << finding << "\n";
-                }
-            }
-        }
-        std::cout << "configuration OK\n";
-        return EXIT_OK;
+        return CheckOnly(config);
     }
     PidFile pidFile(m_pidFile);
     if (!pidFile.Write(error)) {

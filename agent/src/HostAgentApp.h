@@ -23,6 +23,9 @@ protected:
     int main(const std::vector<std::string>& args) override;
 
 private:
+    // --check-config: the modules judge their policy files; the exit code.
+    int CheckOnly(const struct AgentConfig& config);
+
     bool m_help = false;
     bool m_checkOnly = false;
     bool m_version = false;

@@ -53,6 +53,14 @@ ModuleHost::~ModuleHost() {
 }
 
 bool ModuleHost::Load(const std::string& path, std::string& error) {
+    return Open(path, true, error);
+}
+
+bool ModuleHost::LoadForChecks(const std::string& path, std::string& error) {
+    return Open(path, false, error);
+}
+
+bool ModuleHost::Open(const std::string& path, bool start, std::string& error) {
     // Checked again right before loading: the library runs with the agent's rights.
     std::string problem;
     if (!CheckFileSafety(path, problem)) {
@@ -89,8 +97,11 @@ bool ModuleHost::Load(const std::string& path, std::string& error) {
         return false;
     }
 
-    m_loaded.push_back(Loaded{path, handle, module});
+    m_loaded.push_back(Loaded{path, handle, module, start});
     Loaded& loaded = m_loaded.back();
+    if (!start) {
+        return true;
+    }
     m_engine.AddModule(module);
     int result = module->Init();
     if (result != 0) {
@@ -103,27 +114,17 @@ bool ModuleHost::Load(const std::string& path, std::string& error) {
     return true;
 }
 
-bool ModuleHost::CheckLibrary(const std::string& path, std::string& error) {
-    dlerror();
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (handle == nullptr) {
-        error = "cannot load module " + path + ": " + LastDlError();
-        return false;
-    }
-    const bool compatible = CheckApiVersion(handle, path, error);
-    dlclose(handle);
-    return compatible;
-}
-
 void ModuleHost::Stop(Loaded& loaded) {
     if (loaded.module == nullptr) {
         return;
     }
-    std::string name = loaded.module->name();
-    SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] Stopping module %s", name);
-    loaded.module->UnInit();
-    m_engine.ReleasePolicies(loaded.module);
-    m_engine.RemoveModule(loaded.module);
+    if (loaded.started) {
+        std::string name = loaded.module->name();
+        SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Agent] Stopping module %s", name);
+        loaded.module->UnInit();
+        m_engine.ReleasePolicies(loaded.module);
+        m_engine.RemoveModule(loaded.module);
+    }
     delete loaded.module;
     loaded.module = nullptr;
 }
@@ -143,6 +144,18 @@ void ModuleHost::CloseLibraries() {
         }
     }
     m_loaded.clear();
+}
+
+std::vector<std::string> ModuleHost::LintPolicy(const std::string& key, const std::string& text) const {
+    std::vector<std::string> findings;
+    for (const Loaded& loaded : m_loaded) {
+        if (loaded.module != nullptr) {
+            for (std::string& finding : loaded.module->LintPolicy(key, text)) {
+                findings.push_back(std::move(finding));
+            }
+        }
+    }
+    return findings;
 }
 
 std::size_t ModuleHost::GetRunningCount() const {

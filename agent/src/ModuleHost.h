@@ -31,10 +31,12 @@ public:
     // fails; a module whose Init() failed is stopped again at once.
     bool Load(const std::string& path, std::string& error);
 
-    // Opens the library `path`, checks its plug-in API version (framework/ModuleApi.h) and closes it
-    // again, creating nothing. False, with `error` naming the file, the version found and the one
-    // expected, when it cannot serve this agent.
-    static bool CheckLibrary(const std::string& path, std::string& error);
+    // As Load, but the module is only created, not added to the engine nor started: for asking it
+    // about policies (LintPolicy). Stopping it just deletes it.
+    bool LoadForChecks(const std::string& path, std::string& error);
+
+    // Every loaded module's findings for the policy `text` of `key` (Framework::Module::LintPolicy).
+    std::vector<std::string> LintPolicy(const std::string& key, const std::string& text) const;
 
     // In reverse load order: UnInit(), Engine::ReleasePolicies, Engine::RemoveModule, delete.
     void StopAll();
@@ -50,8 +52,10 @@ private:
         std::string path;
         void* handle = nullptr;
         Framework::Module* module = nullptr;  // null once stopped
+        bool started = false;                 // added to the engine and Init() called
     };
 
+    bool Open(const std::string& path, bool start, std::string& error);
     void Stop(Loaded& loaded);
 
     Framework::Engine& m_engine;

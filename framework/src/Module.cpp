@@ -194,4 +194,12 @@ Task* Module::FindTask(const std::string& name) {
     return engine == nullptr ? nullptr : engine->FindTask(name);
 }
 
+std::vector<PolicyKeyInfo> Module::GetPolicySchema(const std::string& /*key*/) const {
+    return {};
+}
+
+std::vector<std::string> Module::LintPolicy(const std::string& /*key*/, const std::string& /*text*/) const {
+    return {};
+}
+
 }  // namespace Framework

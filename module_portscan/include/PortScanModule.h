@@ -29,6 +29,12 @@ public:
     // Removes the callback, unregisters "port_scan_task", runs the base UnInit.
     void UnInit() override;
 
+    // The task policy's keys for "10001" (TaskPolicyKeys()), none for other keys.
+    std::vector<Framework::PolicyKeyInfo> GetPolicySchema(const std::string& key) const override;
+    // For "10001": the findings of LintTaskPolicy on "content"."port_scan_task", with the host's IPv4
+    // addresses as the capture filter counts them.
+    std::vector<std::string> LintPolicy(const std::string& key, const std::string& text) const override;
+
     // Policy callback: builds and parses a new PortScanPolicy from `content`, marks `policy` (the
     // previous one, may be null) replaced, switches the task on or off, returns the new policy.
     Framework::Policy* RefreshFeaturePolicy(const std::string& name, const std::string& content,

@@ -5,6 +5,7 @@
 #include "framework/Policy.h"
 
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -49,17 +50,19 @@ public:
     bool IsPortScanEnable() const { return m_enable; }
     uint32_t GetMaxPktCount() const { return m_maxPktCount; }
 
-    // Opt-in extensions, all off unless the policy turns them on.
+    // Opt-in switches (the boolean extension keys of TaskPolicyKeys()), all off unless the policy
+    // turns them on. True when the switch `key` is on.
+    bool IsSwitchOn(const std::string& key) const;
     // Keep reading frames already queued after a wake-up of the capture socket.
-    bool IsDrainSocketQueue() const { return m_drainSocketQueue; }
+    bool IsDrainSocketQueue() const { return IsSwitchOn("drain_socket_queue"); }
     // Find a port's record in the task's own set by comparing port and type, not by its ordering.
-    bool IsExactPortLookup() const { return m_exactPortLookup; }
+    bool IsExactPortLookup() const { return IsSwitchOn("exact_port_lookup"); }
     // The live occupancy query also asks about IPv6 sockets (which may serve IPv4 too).
-    bool IsDualStackOccupancy() const { return m_dualStackOccupancy; }
+    bool IsDualStackOccupancy() const { return IsSwitchOn("dual_stack_occupancy"); }
     // Send an alarm as soon as its port crosses the threshold instead of at the minute tick.
-    bool IsPromptAlarms() const { return m_promptAlarms; }
+    bool IsPromptAlarms() const { return IsSwitchOn("prompt_alarms"); }
     // Capture IPv6 frames too, on a second packet socket ("ipv6").
-    bool IsIpv6Enable() const { return m_ipv6; }
+    bool IsIpv6Enable() const { return IsSwitchOn("ipv6"); }
     // IPv6 ranges of remote hosts whose packets never raise alarms ("white_ip6_list").
     const std::vector<IP6_RANGE>& GetWhiteIp6List() const { return m_whiteIp6List; }
 
@@ -77,11 +80,7 @@ private:
     bool m_chkBeforeAlarm;
     bool m_enable;
     uint32_t m_maxPktCount;
-    bool m_drainSocketQueue;
-    bool m_exactPortLookup;
-    bool m_dualStackOccupancy;
-    bool m_promptAlarms;
-    bool m_ipv6;
+    std::map<std::string, bool> m_switches;  // opt-in switch -> on
     std::vector<IP6_RANGE> m_whiteIp6List;
 };
 

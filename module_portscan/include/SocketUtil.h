@@ -43,8 +43,12 @@ public:
     // Binds `fd` to the named interface (ten immediate attempts); the last bind result.
     static int BindPort(int fd, std::string interfaceName);
     // Builds and attaches the classic BPF filter for `ports` and the host's local IPv4 addresses.
-    // True when attached; false leaves the previous filter in place.
+    // True when attached; false leaves the previous filter in place (also when the lists do not fit,
+    // see MaxFilterPorts).
     static bool LoadPortBpfRules(int fd, std::vector<long> ports);
+    // The most watched ports the IPv4 filter holds next to `addressCount` local addresses: its
+    // longest jump (ports + 2 x addresses + 10) must fit the 8-bit offset. 0 when even no port fits.
+    static std::size_t MaxFilterPorts(std::size_t addressCount);
     // Discards up to 301 frames already queued on `fd`.
     static void ClearSocketBuff(int fd);
 

@@ -1,11 +1,14 @@
 #include "PortScanModule.h"
 
 #include "CollectPortInfoTask.h"
+#include "IPUtil.h"
 #include "PortScanPolicy.h"
+#include "PortScanPolicySchema.h"
 #include "framework/ModuleApi.h"
 #include "framework/Policy.h"
 #include "framework/PolicyCallback.h"
 #include "framework/Task.h"
+#include "sdk/JsonUtils.h"
 #include "sdk/LoggerUtils.h"
 
 #include <atomic>
@@ -33,6 +36,21 @@ PortScanModule::~PortScanModule() {
         delete m_task;
         m_task = nullptr;
     }
+}
+
+std::vector<Framework::PolicyKeyInfo> PortScanModule::GetPolicySchema(const std::string& key) const {
+    return key == kFeatureKey ? TaskPolicyKeys() : std::vector<Framework::PolicyKeyInfo>();
+}
+
+std::vector<std::string> PortScanModule::LintPolicy(const std::string& key, const std::string& text) const {
+    Json::Value root;
+    if (key != kFeatureKey || SDK::JsonUtils::ParseJsonStr(text.c_str(), text.size(), root) != 0 ||
+        !root.isObject() || !root["content"].isObject() || !root["content"][kTaskName].isObject()) {
+        return {};
+    }
+    std::vector<unsigned int> addresses;
+    IPUtil::GetLocalhostIp(addresses);
+    return LintTaskPolicy(root["content"][kTaskName], addresses.size());
 }
 
 int PortScanModule::Init() {

@@ -1,6 +1,7 @@
 #include "PortScanPolicy.h"
 
 #include "PortScanModule.h"
+#include "PortScanPolicySchema.h"
 #include "sdk/JsonUtils.h"
 
 #include <json/json.h>
@@ -15,19 +16,6 @@ namespace Engine {
 namespace {
 
 const char* const kTaskPolicyName = "port_scan_task";
-// More ports than this make the monitor list too large for the capture filter.
-const Json::ArrayIndex kMaxMonitorPorts = 50;
-
-// Defaults of the task policy's limits and switches.
-const int kDefaultPortPkgNum = 20;
-const int kDefaultPortIpNum = 4;
-const int kDefaultPktCount = 1000;
-const int kDefaultLogNum = 1;
-
-const uint32_t kProtocolTcp = 0;
-const uint32_t kProtocolUdp = 1;
-// A monitor entry of this type stands for both protocols.
-const int kProtocolBoth = 2;
 
 // A task policy that failed to parse is given up without being destroyed at once: nothing may use
 // it, and it may be half filled. It is parked here rather than dropped on the floor; only the
@@ -118,12 +106,7 @@ PortScanTaskPolicy::PortScanTaskPolicy(const std::string& name)
       m_bindMasterIntf(false),
       m_chkBeforeAlarm(false),
       m_enable(false),
-      m_maxPktCount(0),
-      m_drainSocketQueue(false),
-      m_exactPortLookup(false),
-      m_dualStackOccupancy(false),
-      m_promptAlarms(false),
-      m_ipv6(false) {}
+      m_maxPktCount(0) {}
 
 PortScanTaskPolicy::~PortScanTaskPolicy() = default;
 
@@ -140,7 +123,7 @@ bool PortScanTaskPolicy::Parse(const std::string& text) {
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "Parse json %s err", std::string("monitor_list"));
         return false;
     }
-    if (monitorList.size() > kMaxMonitorPorts) {
+    if (monitorList.size() > kMaxMonitorEntries) {
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "Ports' num exceed the maximum");
         return false;
     }
@@ -184,15 +167,20 @@ bool PortScanTaskPolicy::Parse(const std::string& text) {
     m_bindMasterIntf = SDK::JsonUtils::GetBoolValue(root, "only_master_interface", false);
     m_chkBeforeAlarm = SDK::JsonUtils::GetBoolValue(root, "check_port_before_alarm", false);
     m_enable = SDK::JsonUtils::GetBoolValue(root, "enable", true);
-    // Extensions: absent means off, and then the task behaves exactly as without them.
-    m_drainSocketQueue = SDK::JsonUtils::GetBoolValue(root, "drain_socket_queue", false);
-    m_exactPortLookup = SDK::JsonUtils::GetBoolValue(root, "exact_port_lookup", false);
-    m_dualStackOccupancy = SDK::JsonUtils::GetBoolValue(root, "dual_stack_occupancy", false);
-    m_promptAlarms = SDK::JsonUtils::GetBoolValue(root, "prompt_alarms", false);
-    m_ipv6 = SDK::JsonUtils::GetBoolValue(root, "ipv6", false);
+    // Opt-in switches: absent means off, and then the task behaves exactly as without them.
+    for (const Framework::PolicyKeyInfo& key : TaskPolicyKeys()) {
+        if (key.extension && key.type == "boolean") {
+            m_switches[key.name] = SDK::JsonUtils::GetBoolValue(root, key.name.c_str(), false);
+        }
+    }
 
     // A condition the runtime refuses fails the whole task policy.
     return ParseCondition(SDK::JsonUtils::JsonToString(condition));
+}
+
+bool PortScanTaskPolicy::IsSwitchOn(const std::string& key) const {
+    const auto found = m_switches.find(key);
+    return found != m_switches.end() && found->second;
 }
 
 void PortScanTaskPolicy::RefreshAlarmInfo(const PortInfoNode& node) {

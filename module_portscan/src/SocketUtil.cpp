@@ -29,6 +29,8 @@ namespace {
 
 // Immediate attempts for socket creation, binding and interrupted netlink calls.
 constexpr int kRetryTimes = 10;
+// Classic BPF jump offsets are one byte wide: no jump reaches further than this.
+constexpr size_t kMaxJumpOffset = 255;
 // Bytes of an admitted frame that the filter keeps: Ethernet, IPv4 and TCP/UDP headers.
 constexpr unsigned int kSnapLength = 60;
 // Upper bound of frames that one ClearSocketBuff call discards.
@@ -120,6 +122,11 @@ int SocketUtil::BindPort(int fd, std::string interfaceName) {
     return result;
 }
 
+std::size_t SocketUtil::MaxFilterPorts(std::size_t addressCount) {
+    const std::size_t fixed = 2 * addressCount + 10;  // the address tests and the header checks
+    return fixed >= kMaxJumpOffset ? 0 : kMaxJumpOffset - fixed;
+}
+
 bool SocketUtil::LoadPortBpfRules(int fd, std::vector<long> ports) {
     std::vector<unsigned int> addresses;
     if (!IPUtil::GetLocalhostIp(addresses)) {
@@ -129,9 +136,9 @@ bool SocketUtil::LoadPortBpfRules(int fd, std::vector<long> ports) {
 
     const size_t n = addresses.size();
     const size_t p = ports.size();
-    // Jump offsets have 8 bits: past this bound the longest jumps would wrap and the program
-    // would admit or drop the wrong frames, so no program is attached at all.
-    if (p + 2 * n + 10 > 255) {
+    // Past this bound the longest jumps would wrap and the program would admit or drop the wrong
+    // frames, so no program is attached at all.
+    if (p > MaxFilterPorts(n) || 2 * n + 10 > kMaxJumpOffset) {
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR,
                      "[SocketUtil] Too many ports or addresses for the filter (ports %z, addresses %z)", p,
                      n);
@@ -488,7 +495,6 @@ constexpr unsigned long kMinUdpFrame6 = kIp6TransportOffset + 8;
 constexpr unsigned long kMinTcpFrame6 = kIp6TransportOffset + 20;
 // Instructions of one address test: four word loads and compares, and the action on a match.
 constexpr size_t kAddressTestLength = 9;
-constexpr size_t kMaxJumpOffset = 255;
 
 // Word `index` (0..3) of `address` as a BPF word load sees it in the frame.
 uint32_t AddressWord(const in6_addr& address, size_t index) {

@@ -12,6 +12,17 @@
 namespace Framework {
 
 class AbstractPolicyCallback;
+
+// One key of a policy a module serves, as the module describes it to the host: the host validates
+// and documents policies through these without knowing the keys itself.
+struct PolicyKeyInfo {
+    std::string name;         // the key as written in the policy
+    std::string type;         // its JSON type: "boolean", "integer", "string", "array" or "object"
+    std::string defaultText;  // the value taken when the key is absent ("required" when it must be there)
+    std::string values;       // what values are allowed, for people ("0..65535"); "" when any of its type
+    std::string help;         // one line
+    bool extension = false;   // an opt-in addition: absent, the module behaves as without it
+};
 class Policy;
 class Task;
 
@@ -43,6 +54,15 @@ public:
     // and receives the callback's result. False when this module has no callback for `key`.
     virtual bool RefreshPolicy(const std::string& key, const std::string& name, const std::string& content,
                                Policy*& policy);
+
+    // The keys of the policy of `key` this module serves (the task part of it), in the order it reads
+    // them; empty when the module describes none. Valid before Init().
+    virtual std::vector<PolicyKeyInfo> GetPolicySchema(const std::string& key) const;
+    // Settings of `text`, a policy of `key`, that the module accepts but that make it ineffective or
+    // surprising: one line each, "<what happens>; <how to fix it>". Empty for a key the module does
+    // not serve and for text it cannot read (it reports that itself when the policy is delivered).
+    // Valid before Init(); delivers nothing.
+    virtual std::vector<std::string> LintPolicy(const std::string& key, const std::string& text) const;
 
     // Registers the callback for policies of `key`; takes ownership (also on failure, when a
     // callback for `key` exists already: then `callback` is deleted and false returned).
