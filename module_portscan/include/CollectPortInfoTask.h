@@ -2,7 +2,7 @@
 
 #include "ComputeChain.h"
 #include "SocketUtil.h"
-#include "builtin_tasks/NetProcsFullTask.h"
+#include "framework/NetProcCache.h"
 #include "framework/Task.h"
 
 #include <json/json.h>
@@ -73,7 +73,7 @@ bool ContainsIP6(const std::vector<in6_addr>& list, const in6_addr& ip);
 // classifier chain, and runs the capture loop with its one-minute tick.
 class CollectPortInfoTask : public Framework::Task {
 public:
-    using NetCacheMap = std::map<long, std::shared_ptr<Engine::NetProcsMessage::netProcInfo>>;
+    using NetCacheMap = Framework::NetProcCache::CacheMap;
 
     CollectPortInfoTask();
     // Destroys maps and set only; descriptors and the chain are UnInit()'s.

@@ -46,12 +46,12 @@ std::set<PortInfoNode> CopyPortSet(const PortScanTaskPolicy* policy) {
     return policy->GetPolicyPortSet();
 }
 
-Engine::NetProcsFullTask* FindNetProcTask() {
+Framework::NetProcCache* FindNetProcTask() {
     Framework::Engine* engine = Framework::Engine::Instance();
     if (engine == nullptr) {
         return nullptr;
     }
-    return dynamic_cast<Engine::NetProcsFullTask*>(engine->FindTask(kNetProcTaskName));
+    return dynamic_cast<Framework::NetProcCache*>(engine->FindTask(kNetProcTaskName));
 }
 
 std::vector<long> CollectPorts(const std::set<PortInfoNode>& set) {

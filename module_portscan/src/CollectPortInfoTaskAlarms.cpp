@@ -13,7 +13,7 @@ namespace Engine {
 using namespace CollectTask;
 
 bool CollectPortInfoTask::BuildPortRemoteIpMap(std::map<unsigned short, std::string>& map) {
-    Engine::NetProcsFullTask* netProcTask = FindNetProcTask();
+    Framework::NetProcCache* netProcTask = FindNetProcTask();
     if (netProcTask == nullptr) {
         LOG_ACTION_FAILED("GetNetProcPtr");
         return false;

@@ -65,8 +65,8 @@ std::set<PortInfoNode>::const_iterator FindRecord(const std::set<PortInfoNode>& 
 // A copy of the policy's port set; empty without a policy.
 std::set<PortInfoNode> CopyPortSet(const PortScanTaskPolicy* policy);
 
-// The agent's network-process task, or null when it is not registered.
-Engine::NetProcsFullTask* FindNetProcTask();
+// The agent's socket table (its task "netproc_full_task"), or null when that is not registered.
+Framework::NetProcCache* FindNetProcTask();
 
 // The port numbers of `set`, in set order.
 std::vector<long> CollectPorts(const std::set<PortInfoNode>& set);

@@ -17,7 +17,7 @@ using namespace CollectTask;
 
 bool CollectPortInfoTask::GetMonitorPort() {
     PORTSCAN_LOG(Poco::Message::PRIO_INFORMATION, "[PortScan] Generate monitor port.");
-    Engine::NetProcsFullTask* netProcTask = FindNetProcTask();
+    Framework::NetProcCache* netProcTask = FindNetProcTask();
     if (netProcTask == nullptr) {
         LOG_ACTION_FAILED("GetFullTaskPtr");
         return false;

@@ -145,7 +145,7 @@ protected:
         m_scan->SetTaskPolicy(m_policies.back().get());
     }
     void MarkInUse(unsigned int port, unsigned int protocol) {
-        auto info = std::make_shared<NetProcsMessage::netProcInfo>();
+        auto info = std::make_shared<Framework::NetProcInfo>();
         info->localPort = port;
         info->protocol = protocol;
         Peer().NetCache()[static_cast<long>(Peer().NetCache().size() + 1)] = info;

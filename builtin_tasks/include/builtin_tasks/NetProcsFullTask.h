@@ -1,5 +1,6 @@
 #pragma once
 
+#include "framework/NetProcCache.h"
 #include "framework/Task.h"
 
 #include <atomic>
@@ -13,26 +14,16 @@ namespace Engine {
 
 struct NetProcsMessage {
     // One socket of this host, as the kernel reports it.
-    struct netProcInfo {
-        unsigned int localPort = 0;   // host order
-        unsigned int protocol = 0;    // 0 TCP, 1 UDP (the numbering the modules use)
-        std::string localAddress;     // text form, IPv4 or IPv6
-        std::string remoteAddress;    // peer address text; "0.0.0.0" / "::" when not connected
-        unsigned int remotePort = 0;  // host order; 0 when not connected
-        unsigned int state = 0;       // kernel socket state (TCP_LISTEN = 10, ...)
-        unsigned long inode = 0;      // socket inode, the cache key
-        int pid = -1;                 // owning process, -1 when it cannot be found
-        std::string processName;      // comm of the owning process, "" when unknown
-    };
+    using netProcInfo = Framework::NetProcInfo;
 };
 
 // "netproc_full_task": a cache of this host's TCP and UDP sockets (IPv4 and IPv6), refreshed from
 // the kernel (socket diagnostics over netlink, owners from /proc/<pid>/fd) when it is read and is
 // older than the refresh period, so nothing runs while nobody reads it.
 // Sockets without an inode (TIME_WAIT, half-open requests) belong to no program and are left out.
-class NetProcsFullTask : public Framework::Task {
+class NetProcsFullTask : public Framework::Task, public Framework::NetProcCache {
 public:
-    using CacheMap = std::map<long, std::shared_ptr<NetProcsMessage::netProcInfo>>;
+    using CacheMap = Framework::NetProcCache::CacheMap;
 
     static constexpr const char* kTaskName = "netproc_full_task";
 
@@ -42,7 +33,7 @@ public:
     // Replaces `out` with a snapshot of the cache: socket inode -> socket, refreshed first on the
     // caller's thread when older than the refresh period. Safe from any thread; the records are
     // shared and never modified after publication.
-    void GetNetCacheMap(CacheMap& out);
+    void GetNetCacheMap(CacheMap& out) override;
     // When GetNetCacheMap was last called (steady clock); the epoch when never. Readers do their
     // periodic work around that call, so the agent can tell when that work is done.
     std::chrono::steady_clock::time_point GetLastReadTime() const;
