@@ -383,7 +383,7 @@ bool CheckPolicyFiles(const AgentConfig& config, std::string& error) {
     for (const PolicySource& source : config.policies) {
         std::string text;
         std::string problem;
-        if (!ReadPolicyFile(source.path, text, problem) || !CheckPolicyText(text, problem)) {
+        if (!ReadPolicyFile(source.path, text, problem) || !CheckPolicyAcceptable(text, problem)) {
             error = Printable(source.path + ": " + problem + " (policy file of key " + Quoted(source.key) +
                               " in " + config.file + ")");
             return false;

@@ -101,8 +101,13 @@ int AgentRuntime::Run() {
         return Poco::Util::Application::EXIT_SOFTWARE;
     }
     m_feed.reset(new PolicyFeed(
-        m_config.policies, [this](const std::string& key, const std::string& name, const std::string& text) {
+        m_config.policies,
+        [this](const std::string& key, const std::string& name, const std::string& text) {
             return DeliverPolicyFile(key, name, text);
+        },
+        [this](const std::string& key, const std::string& problem) {
+            m_policyProblems[key] = problem;
+            m_statusDue = true;
         }));
     m_feed->Poll();
     HandleTaskEvents();
@@ -238,7 +243,9 @@ bool AgentRuntime::DeliverPolicyFile(const std::string& key, const std::string& 
     } else {
         const std::vector<std::string> findings = LintPolicy(m_modules, key, path, text);
         for (const std::string& finding : findings) {
-            SDK_ROOT_LOG(Poco::Message::PRIO_WARNING, "[Policy] %s", finding);
+            // Each distinct finding has a budget of its own: they all stand on this one line.
+            SDK_ROOT_LOG_BUDGETED(Poco::Message::PRIO_WARNING, SDK::LogBudget::kPerText, "[Policy] %s",
+                                  finding);
         }
         warnings = findings.size();
     }
@@ -354,12 +361,21 @@ void AgentRuntime::WriteStatus() {
         status["tasks"].append(entry);
     }
     status["policies"] = Json::Value(Json::arrayValue);
-    for (const auto& [key, delivery] : m_deliveries) {
+    for (const PolicySource& source : m_config.policies) {
+        const auto delivery = m_deliveries.find(source.key);
+        const auto problem = m_policyProblems.find(source.key);
+        const bool hasProblem = problem != m_policyProblems.end() && !problem->second.empty();
+        if (delivery == m_deliveries.end() && !hasProblem) {
+            continue;
+        }
         Json::Value entry;
-        entry["key"] = key;
-        entry["file"] = delivery.path;
-        entry["delivered"] = UtcText(delivery.when);
-        entry["warnings"] = static_cast<Json::UInt64>(delivery.warnings);
+        entry["key"] = source.key;
+        entry["file"] = delivery != m_deliveries.end() ? delivery->second.path : source.path;
+        entry["delivered"] = delivery != m_deliveries.end() ? UtcText(delivery->second.when) : "";
+        entry["warnings"] =
+            static_cast<Json::UInt64>(delivery != m_deliveries.end() ? delivery->second.warnings : 0);
+        // Why the file as it stands is not in force; the policy delivered before it still is.
+        entry["problem"] = hasProblem ? problem->second : "";
         status["policies"].append(entry);
     }
     // Every alarm goes to every sink; a sink that failed a write says so in the log.

@@ -83,7 +83,8 @@ private:
     Supervisor m_supervisor;
     std::mutex m_eventMutex;  // task events arrive on task threads
     std::vector<Framework::Engine::TaskEvent> m_events;
-    std::map<std::string, Delivery> m_deliveries;  // by feature key
+    std::map<std::string, Delivery> m_deliveries;         // by feature key
+    std::map<std::string, std::string> m_policyProblems;  // by feature key: why a file is not in force
     std::chrono::system_clock::time_point m_startedAt;
     int m_signalFd = -1;     // readable when a control signal is pending
     int m_taskEventFd = -1;  // eventfd: task events wait in m_events

@@ -38,8 +38,9 @@ std::string NameOf(const std::string& file) {
 
 }  // namespace
 
-PolicyFeed::PolicyFeed(const std::vector<PolicySource>& sources, DeliverFunction deliver)
-    : m_deliver(std::move(deliver)) {
+PolicyFeed::PolicyFeed(const std::vector<PolicySource>& sources, DeliverFunction deliver,
+                       ProblemFunction problem)
+    : m_deliver(std::move(deliver)), m_problem(std::move(problem)) {
     for (const PolicySource& source : sources) {
         Entry entry;
         entry.source = source;
@@ -219,6 +220,12 @@ std::size_t PolicyFeed::Visit(bool force) {
     }
     return delivered;
 }
+void PolicyFeed::Report(const Entry& entry, const std::string& problem) {
+    if (m_problem) {
+        m_problem(entry.source.key, problem);
+    }
+}
+
 bool PolicyFeed::VisitEntry(Entry& entry, bool force) {
     const std::string& key = entry.source.key;
     const std::string& path = entry.source.path;
@@ -230,29 +237,42 @@ bool PolicyFeed::VisitEntry(Entry& entry, bool force) {
                          "[Policy] Cannot read policy file %s (key %s): %s; trying again", path, key,
                          problem);
             entry.problem = problem;
+            Report(entry, "cannot read " + path + ": " + problem);
         }
         return false;
     }
     if (!entry.problem.empty()) {
         SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Policy] Policy file %s is readable again", path);
         entry.problem.clear();
+        Report(entry, entry.refusal);
     }
     if (!force && entry.handled && text == entry.lastText) {
         return false;
     }
+    const bool sameText = entry.handled && text == entry.lastText;
     entry.handled = true;
     entry.lastText = text;
-    if (!CheckPolicyText(text, problem)) {
-        // The module owns its policy's syntax: it reports the error and takes its own safe course.
-        SDK_ROOT_LOG(Poco::Message::PRIO_WARNING,
-                     "[Policy] Policy file %s (key %s) is malformed (%s); delivering it, the module decides",
-                     path, key, problem);
+    if (!CheckPolicyAcceptable(text, problem)) {
+        // Said once per text; the last good policy (if any) stays in force, also for renewals and
+        // restarts, which deliver what was delivered last.
+        if (!sameText || entry.refusal != path + ": " + problem) {
+            SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
+                         "[Policy] Policy file %s (key %s) refused: %s; the last good policy stays in force",
+                         path, key, problem);
+        }
+        entry.refusal = path + ": " + problem;
+        Report(entry, entry.refusal);
+        return false;
     }
     std::string name = Poco::Path(path).getFileName();
     if (!m_deliver(key, name, text)) {
         SDK_ROOT_LOG(Poco::Message::PRIO_WARNING, "[Policy] No module serves policy key %s (file %s)", key,
                      path);
         return false;
+    }
+    if (!entry.refusal.empty()) {
+        entry.refusal.clear();
+        Report(entry, "");
     }
     SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION, "[Policy] Delivered %s under key %s", path, key);
     return true;

@@ -15,9 +15,9 @@ namespace HostAgent {
 // inotify on the files' folders (so a file replaced by rename, or created later, is seen too); a
 // file whose folder cannot be watched is looked at every kPolicyPollIntervalMs instead, and its
 // folder is watched as soon as it can be. A file that cannot be read is logged (once until its
-// state changes) and not delivered, so the previous policy stays in force. A file that is not a
-// JSON object is delivered all the same, with a warning: the module reports and handles its own
-// syntax errors. Not thread-safe: one thread (the agent's control loop) drives it.
+// state changes) and not delivered, so the previous policy stays in force. So is a file that a module
+// would refuse (CheckPolicyAcceptable): a typo must not switch detection off. Not thread-safe: one
+// thread (the agent's control loop) drives it.
 class PolicyFeed {
 public:
     using Clock = std::chrono::steady_clock;
@@ -25,7 +25,11 @@ public:
     using DeliverFunction =
         std::function<bool(const std::string& key, const std::string& name, const std::string& text)>;
 
-    PolicyFeed(const std::vector<PolicySource>& sources, DeliverFunction deliver);
+    // Told the problem of the file of `key` whenever it changes; "" when the file was delivered again.
+    using ProblemFunction = std::function<void(const std::string& key, const std::string& problem)>;
+
+    PolicyFeed(const std::vector<PolicySource>& sources, DeliverFunction deliver,
+               ProblemFunction problem = ProblemFunction());
     ~PolicyFeed();
 
     PolicyFeed(const PolicyFeed&) = delete;
@@ -55,6 +59,7 @@ private:
         bool handled = false;      // `lastText` was delivered
         std::string lastText;      // content at the last delivery
         std::string problem;       // why the file could not be read; "" when it could
+        std::string refusal;       // why `lastText` was not delivered; "" when it was
         bool watched = false;      // the folder of `source.path` is watched
         std::string watchProblem;  // why that folder cannot be watched; "" when it can
     };
@@ -66,6 +71,7 @@ private:
 
     std::size_t Visit(bool force);
     bool VisitEntry(Entry& entry, bool force);
+    void Report(const Entry& entry, const std::string& problem);
     // Watches the folder of the entry's path (and of the file a link points to). False when the
     // folder of the path itself cannot be watched.
     bool Watch(std::size_t index);
@@ -74,6 +80,7 @@ private:
 
     std::vector<Entry> m_entries;
     DeliverFunction m_deliver;
+    ProblemFunction m_problem;
     bool m_stopped = false;
     int m_inotifyFd = -1;
     std::map<int, std::vector<Watcher>> m_watches;  // by watch descriptor

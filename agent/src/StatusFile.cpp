@@ -102,8 +102,14 @@ int PrintStatus(const std::string& path, std::ostream& out, std::ostream& err) {
     }
     out << "Policies:\n";
     for (const Json::Value& policy : status["policies"]) {
+        const std::string delivered = policy["delivered"].asString();
         out << "  key " << policy["key"].asString() << ": " << policy["file"].asString() << ", delivered "
-            << policy["delivered"].asString() << ", " << policy["warnings"].asInt() << " warning(s)\n";
+            << (delivered.empty() ? "never" : delivered) << ", " << policy["warnings"].asInt()
+            << " warning(s)\n";
+        if (!policy["problem"].asString().empty()) {
+            out << "    problem: " << policy["problem"].asString()
+                << (delivered.empty() ? "\n" : " (the policy delivered before stays in force)\n");
+        }
     }
     out << "Alarms reported:";
     const Json::Value& alarms = status["alarms_reported"];

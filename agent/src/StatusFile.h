@@ -13,7 +13,8 @@ namespace HostAgent {
 //   "pid", "version", "started", "updated"        the agent process; times as UTC text
 //   "tasks":    [ { "name", "module", "state": "running"|"stopped"|"restarting", "restarts",
 //                   "last_start", "last_stop", "stop_reason" } ]
-//   "policies": [ { "key", "file", "delivered", "warnings" } ]
+//   "policies": [ { "key", "file", "delivered", "warnings", "problem" } ]  ("problem": why the file
+//                 as it stands is not delivered; "" when it is)
 //   "alarms_reported": { sink: count }
 
 // UTC time as "2026-11-22T15:04:05Z"; "" for the clock's epoch (never happened).

@@ -61,6 +61,10 @@ Poco::Logger* GetRootLoggerPtr();
 // A log statement through the module logger / the agent's root logger (see SDK::LogStatement).
 #define PORTSCAN_LOG(prio, ...) \
     ::SDK::LogStatement(&::Engine::PortScan::GetLoggerPtr, prio, __FILE__, __LINE__, __VA_ARGS__)
+// A module log statement that the agent's log budget counts as `budget` says (SDK::LogBudget).
+#define PORTSCAN_LOG_BUDGETED(prio, budget, ...)                                                     \
+    ::SDK::LogStatementBudgeted(&::Engine::PortScan::GetLoggerPtr, prio, __FILE__, __LINE__, budget, \
+                                __VA_ARGS__)
 #define PORTSCAN_ROOT_LOG(prio, ...) \
     ::SDK::LogStatement(&::Engine::PortScan::GetRootLoggerPtr, prio, __FILE__, __LINE__, __VA_ARGS__)
 

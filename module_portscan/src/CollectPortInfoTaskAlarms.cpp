@@ -70,7 +70,9 @@ void CollectPortInfoTask::SendPortAlarm() {
         alarm["event_name"] = common ? "Common port scan" : "Secret port scan";
 
         const std::string text = SDK::JsonUtils::JsonToString(alarm);
-        PORTSCAN_LOG(Poco::Message::PRIO_INFORMATION, "[PortScan] Sending alarm [%s]", text);
+        // One per port and run, each text distinct: counted per text, so none is held back.
+        PORTSCAN_LOG_BUDGETED(Poco::Message::PRIO_INFORMATION, SDK::LogBudget::kPerText,
+                              "[PortScan] Sending alarm [%s]", text);
         SendDirectMsg(kReportTaskName, new Framework::DataMessage(kAlarmMessageType, text));
     }
 }

@@ -72,8 +72,10 @@ void CollectPortInfoTask::HandlePacket(const PacketNode& pkt, unsigned long len)
     }
     if (alarmed) {
         ++record.alarmNum;
-        PORTSCAN_LOG(Poco::Message::PRIO_WARNING, "[PortScan] Alarm found, port [%u], alarm type = [%d]",
-                     static_cast<unsigned int>(pkt.localPort), alarmType);
+        // Budgeted per port and type: a new port's alarm always shows, one port's flood stays bounded.
+        PORTSCAN_LOG_BUDGETED(Poco::Message::PRIO_WARNING, SDK::LogBudget::kPerText,
+                              "[PortScan] Alarm found, port [%u], alarm type = [%d]",
+                              static_cast<unsigned int>(pkt.localPort), alarmType);
         FillAlarmInfo(record, pkt, alarmType);
         if (IsExtensionOn(&PortScanTaskPolicy::IsPromptAlarms) && CrossedAlarmThreshold(record)) {
             m_alarmPending = true;

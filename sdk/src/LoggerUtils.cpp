@@ -20,6 +20,7 @@
 #include <chrono>
 #include <map>
 #include <mutex>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -58,7 +59,9 @@ public:
     explicit BudgetChannel(const Poco::AutoPtr<Poco::Channel>& next) : m_next(next) {}
 
     void log(const Poco::Message& msg) override {
-        if (msg.getSourceFile() == nullptr) {
+        const bool keyed = msg.getSourceFile() != nullptr && msg.has(LoggerUtils::kBudgetKeyParameter);
+        const std::string keyText = keyed ? msg.get(LoggerUtils::kBudgetKeyParameter) : std::string();
+        if (msg.getSourceFile() == nullptr || (keyed && keyText.empty())) {
             m_next->log(msg);
             return;
         }
@@ -71,7 +74,7 @@ public:
                 CloseWindows(now, false, summaries);
                 m_nextSweep = now + kSweepInterval;
             }
-            Key key(msg.getSourceFile(), msg.getSourceLine());
+            Key key(msg.getSourceFile(), msg.getSourceLine(), keyText);
             Window& window = m_windows[key];
             if (window.lines == 0 || now - window.start >= kBudgetWindow) {
                 if (window.suppressed > 0) {
@@ -115,8 +118,8 @@ public:
 
 private:
     // The file name is copied: a module's library (where its __FILE__ text lives) may be closed
-    // while a window is still open.
-    using Key = std::pair<std::string, int>;
+    // while a window is still open. The third part is the line's budget key ("" for most).
+    using Key = std::tuple<std::string, int, std::string>;
     struct Window {
         BudgetClock::time_point start;
         int lines = 0;
@@ -136,9 +139,9 @@ private:
             static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(now - window.start).count());
         return Summary{key, window.source,
                        "[Log] " + std::to_string(window.suppressed) + " more line(s) from " +
-                           key.first.substr(key.first.rfind('/') + 1) + ":" + std::to_string(key.second) +
-                           " suppressed in " + std::to_string(seconds) + " s (more than " +
-                           std::to_string(kLinesPerSourceLine) + " a minute)",
+                           std::get<0>(key).substr(std::get<0>(key).rfind('/') + 1) + ":" +
+                           std::to_string(std::get<1>(key)) + " suppressed in " + std::to_string(seconds) +
+                           " s (more than " + std::to_string(kLinesPerSourceLine) + " a minute)",
                        window.worst};
     }
 
@@ -156,7 +159,7 @@ private:
         for (const Summary& summary : summaries) {
             m_next->log(Poco::Message(summary.source, summary.text,
                                       static_cast<Poco::Message::Priority>(summary.priority),
-                                      summary.key.first.c_str(), summary.key.second));
+                                      std::get<0>(summary.key).c_str(), std::get<1>(summary.key)));
         }
     }
 
@@ -343,6 +346,10 @@ bool LoggerUtils::Configure(const LogSettings& settings, std::string& error) {
             "unknown log level \"" + settings.level + "\" (expected error, warning, information or debug)";
         return false;
     }
+
+    // Summaries pending in the channels about to be replaced are written to them first: a reopen
+    // after a rotation must not lose the count of what was held back.
+    FlushSuppressedLines(true);
 
     // Build the whole new channel before touching any logger: a failure changes nothing.
     std::vector<Poco::AutoPtr<Poco::Channel>> sinks;

@@ -22,6 +22,11 @@ struct LogSettings {
 // and line (from the Poco::Message), and the text exactly as logged.
 class LoggerUtils {
 public:
+    // A Poco::Message parameter that changes how the log budget counts the line (see LogBudget in
+    // LogStatement.h): "" takes the line out of the budget, any other value counts it with the lines
+    // of the same value from its source line instead of with all of them.
+    static constexpr const char* kBudgetKeyParameter = "budget_key";
+
     static LoggerUtils* GetInstance();
 
     // Sets up the root logger and the common channel. Returns false, with `error` filled,
@@ -39,9 +44,10 @@ public:
     Poco::Logger* GetModuleLogger(const std::string& name, bool separateFile);
 
     // A burst from one source line is held back: past a budget per minute its lines are only
-    // counted, and one summary line says how many were suppressed. The summary is written when the
-    // next line of that source comes after its window, or here: for every window that has closed,
-    // or for all of them with `all` (before the log is closed).
+    // counted, and one summary line says how many were suppressed (kBudgetKeyParameter narrows or
+    // lifts the budget of a line). Configure writes every pending summary before it reopens. The summary is
+    // written when the next line of that source comes after its window, or here: for every window that has
+    // closed, or for all of them with `all` (before the log is closed).
     void FlushSuppressedLines(bool all);
     // When FlushSuppressedLines(false) may next have a summary to write (a window closes);
     // time_point::max() while no window is open.
