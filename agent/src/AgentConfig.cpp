@@ -31,23 +31,6 @@ public:
     explicit ConfigProblem(const std::string& what) : std::runtime_error(what) {}
 };
 
-// An error is one line of plain text: control characters that come from the config's own strings
-// (a key or path may hold a line break) are written as \xNN, so they cannot start a line of their own.
-std::string Printable(const std::string& text) {
-    static const char* const kHex = "0123456789abcdef";
-    std::string printable;
-    for (unsigned char c : text) {
-        if (c < 0x20 || c == 0x7f) {
-            printable += "\\x";
-            printable += kHex[c >> 4];
-            printable += kHex[c & 0x0f];
-        } else {
-            printable += static_cast<char>(c);
-        }
-    }
-    return printable;
-}
-
 std::string Quoted(const std::string& text) {
     return "\"" + text + "\"";
 }
@@ -282,6 +265,23 @@ void ParseSupervisor(const Json::Value& supervisor, AgentConfig& config) {
 
 }  // namespace
 
+// An error is one line of plain text: control characters that come from the config's own strings
+// (a key or path may hold a line break) are written as \xNN, so they cannot start a line of their own.
+std::string PrintableText(const std::string& text) {
+    static const char* const kHex = "0123456789abcdef";
+    std::string printable;
+    for (unsigned char c : text) {
+        if (c < 0x20 || c == 0x7f) {
+            printable += "\\x";
+            printable += kHex[c >> 4];
+            printable += kHex[c & 0x0f];
+        } else {
+            printable += static_cast<char>(c);
+        }
+    }
+    return printable;
+}
+
 bool ParseAgentConfig(const std::string& path, const std::string& text, AgentConfig& config,
                       std::string& error) {
     AgentConfig parsed;
@@ -332,7 +332,7 @@ bool ParseAgentConfig(const std::string& path, const std::string& text, AgentCon
             parsed.statusFile = beside.toString();
         }
     } catch (const ConfigProblem& problem) {
-        error = Printable(parsed.file + ": " + problem.what());
+        error = PrintableText(parsed.file + ": " + problem.what());
         return false;
     }
     config = parsed;
@@ -342,12 +342,12 @@ bool ParseAgentConfig(const std::string& path, const std::string& text, AgentCon
 bool LoadAgentConfig(const std::string& path, AgentConfig& config, std::string& error) {
     std::string problem;
     if (!CheckFileSafety(path, problem)) {
-        error = Printable(path + ": " + problem);
+        error = PrintableText(path + ": " + problem);
         return false;
     }
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-        error = Printable(path + ": cannot read the config file: " + std::strerror(errno));
+        error = PrintableText(path + ": cannot read the config file: " + std::strerror(errno));
         return false;
     }
     std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -359,33 +359,20 @@ bool CheckModuleFiles(const AgentConfig& config, std::string& error) {
         try {
             Poco::File file(module);
             if (!file.exists()) {
-                error = Printable(config.file + ": module file " + module + " does not exist");
+                error = PrintableText(config.file + ": module file " + module + " does not exist");
                 return false;
             }
             if (!file.isFile()) {
-                error = Printable(config.file + ": module file " + module + " is not a regular file");
+                error = PrintableText(config.file + ": module file " + module + " is not a regular file");
                 return false;
             }
             std::string problem;
             if (!CheckFileSafety(module, problem)) {
-                error = Printable(module + ": " + problem + " (module named in " + config.file + ")");
+                error = PrintableText(module + ": " + problem + " (module named in " + config.file + ")");
                 return false;
             }
         } catch (const Poco::Exception& e) {
-            error = Printable(config.file + ": module file " + module + ": " + e.displayText());
-            return false;
-        }
-    }
-    return true;
-}
-
-bool CheckPolicyFiles(const AgentConfig& config, std::string& error) {
-    for (const PolicySource& source : config.policies) {
-        std::string text;
-        std::string problem;
-        if (!ReadPolicyFile(source.path, text, problem) || !CheckPolicyAcceptable(text, problem)) {
-            error = Printable(source.path + ": " + problem + " (policy file of key " + Quoted(source.key) +
-                              " in " + config.file + ")");
+            error = PrintableText(config.file + ": module file " + module + ": " + e.displayText());
             return false;
         }
     }

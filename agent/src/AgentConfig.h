@@ -48,6 +48,10 @@ struct AgentConfig {
 
 // Every problem message has the form "<file>: <problem>", naming the offending key.
 
+// `text` as one line of plain text: control characters (a key or path may hold a line break) are
+// written as \xNN, so they cannot start a line of their own.
+std::string PrintableText(const std::string& text);
+
 // Reads and validates the config file `path` (the checks of ParseAgentConfig).
 bool LoadAgentConfig(const std::string& path, AgentConfig& config, std::string& error);
 
@@ -59,8 +63,5 @@ bool ParseAgentConfig(const std::string& path, const std::string& text, AgentCon
 
 // True when every module library exists as a regular file.
 bool CheckModuleFiles(const AgentConfig& config, std::string& error);
-
-// True when every policy file can be read and holds a JSON object.
-bool CheckPolicyFiles(const AgentConfig& config, std::string& error);
 
 }  // namespace HostAgent

@@ -108,7 +108,8 @@ int AgentRuntime::Run() {
         [this](const std::string& key, const std::string& problem) {
             m_policyProblems[key] = problem;
             m_statusDue = true;
-        }));
+        },
+        [this](const std::string& key, const std::string& text) { return m_modules.RefusalOf(key, text); }));
     m_feed->Poll();
     HandleTaskEvents();
     WriteStatus();

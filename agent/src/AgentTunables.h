@@ -20,8 +20,6 @@ constexpr long kNetProcRefreshMs = 5000;
 
 // A policy is a small JSON document; anything larger than this is a mistake, not a policy.
 constexpr std::size_t kMaxPolicyFileBytes = 4 * 1024 * 1024;
-// The port-scan module gives up a policy whose "monitor_list" is longer: its capture filter cannot hold more.
-constexpr unsigned kMaxMonitorListEntries = 50;
 
 // Where a syslog sink without "address" sends: the local syslog daemon's socket on Debian.
 constexpr const char* kSyslogSocket = "/dev/log";

@@ -47,9 +47,10 @@ Signals:
 Files:
   policy files         followed through inotify on their folders (edits in place and by rename);
                        a changed file is delivered again within seconds; a file that
-                       cannot be read is logged and retried; one that is not a JSON object is
-                       delivered with a warning (the module reports its errors; --check-config
-                       refuses it)
+                       cannot be read is logged and retried; one that is not a JSON object, or
+                       that its module would give up, is refused with one error line and the
+                       last good policy stays in force (renewals and restarts deliver that one);
+                       --status shows the problem
   alarm files          JSON lines, appended, written per event; folders are created; a file
                        that is moved or removed is created again; writes that fail (disk full)
                        are retried every second, the alarms kept meanwhile
@@ -178,19 +179,26 @@ int HostAgentApp::CheckOnly(const AgentConfig& config) {
             return EXIT_CONFIG;
         }
     }
-    if (!CheckPolicyFiles(config, error)) {
-        std::cerr << "hostagent: " << error << "\n";
-        return EXIT_CONFIG;
-    }
-    // Findings do not fail the check: the module runs such policies, only less well.
+    // Each file must be one JSON object that its module would take; the module names what else is
+    // ineffective, which does not fail the check: the module runs such policies, only less well.
+    std::vector<std::string> findings;
     for (const PolicySource& source : config.policies) {
         std::string text;
         std::string problem;
-        if (ReadPolicyFile(source.path, text, problem)) {
-            for (const std::string& finding : LintPolicy(modules, source.key, source.path, text)) {
-                std::cout << finding << "\n";
-            }
+        if (!ReadPolicyFile(source.path, text, problem) || !CheckPolicyText(text, problem) ||
+            !(problem = modules.RefusalOf(source.key, text)).empty()) {
+            std::cerr << "hostagent: "
+                      << PrintableText(source.path + ": " + problem + " (policy file of key \"" + source.key +
+                                       "\" in " + config.file + ")")
+                      << "\n";
+            return EXIT_CONFIG;
         }
+        for (const std::string& finding : LintPolicy(modules, source.key, source.path, text)) {
+            findings.push_back(finding);
+        }
+    }
+    for (const std::string& finding : findings) {
+        std::cout << finding << "\n";
     }
     std::cout << "configuration OK\n";
     return EXIT_OK;

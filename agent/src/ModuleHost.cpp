@@ -158,6 +158,18 @@ std::vector<std::string> ModuleHost::LintPolicy(const std::string& key, const st
     return findings;
 }
 
+std::string ModuleHost::RefusalOf(const std::string& key, const std::string& text) const {
+    for (const Loaded& loaded : m_loaded) {
+        if (loaded.module != nullptr) {
+            std::string refusal = loaded.module->RefusalOf(key, text);
+            if (!refusal.empty()) {
+                return refusal;
+            }
+        }
+    }
+    return "";
+}
+
 std::size_t ModuleHost::GetRunningCount() const {
     std::size_t running = 0;
     for (const Loaded& loaded : m_loaded) {

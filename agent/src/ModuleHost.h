@@ -37,6 +37,9 @@ public:
 
     // Every loaded module's findings for the policy `text` of `key` (Framework::Module::LintPolicy).
     std::vector<std::string> LintPolicy(const std::string& key, const std::string& text) const;
+    // Why a loaded module would give up the policy `text` of `key` (Framework::Module::RefusalOf);
+    // "" when none would.
+    std::string RefusalOf(const std::string& key, const std::string& text) const;
 
     // In reverse load order: UnInit(), Engine::ReleasePolicies, Engine::RemoveModule, delete.
     void StopAll();

@@ -39,8 +39,8 @@ std::string NameOf(const std::string& file) {
 }  // namespace
 
 PolicyFeed::PolicyFeed(const std::vector<PolicySource>& sources, DeliverFunction deliver,
-                       ProblemFunction problem)
-    : m_deliver(std::move(deliver)), m_problem(std::move(problem)) {
+                       ProblemFunction problem, RefusalFunction refusal)
+    : m_deliver(std::move(deliver)), m_problem(std::move(problem)), m_refusal(std::move(refusal)) {
     for (const PolicySource& source : sources) {
         Entry entry;
         entry.source = source;
@@ -252,7 +252,7 @@ bool PolicyFeed::VisitEntry(Entry& entry, bool force) {
     const bool sameText = entry.handled && text == entry.lastText;
     entry.handled = true;
     entry.lastText = text;
-    if (!CheckPolicyAcceptable(text, problem)) {
+    if (!CheckPolicyText(text, problem) || !(problem = m_refusal ? m_refusal(key, text) : "").empty()) {
         // Said once per text; the last good policy (if any) stays in force, also for renewals and
         // restarts, which deliver what was delivered last.
         if (!sameText || entry.refusal != path + ": " + problem) {

@@ -16,7 +16,8 @@ namespace HostAgent {
 // file whose folder cannot be watched is looked at every kPolicyPollIntervalMs instead, and its
 // folder is watched as soon as it can be. A file that cannot be read is logged (once until its
 // state changes) and not delivered, so the previous policy stays in force. So is a file that a module
-// would refuse (CheckPolicyAcceptable): a typo must not switch detection off. Not thread-safe: one
+// would refuse (not one JSON object, or what the module's RefusalOf says): a typo must not switch
+// detection off. Not thread-safe: one
 // thread (the agent's control loop) drives it.
 class PolicyFeed {
 public:
@@ -28,8 +29,11 @@ public:
     // Told the problem of the file of `key` whenever it changes; "" when the file was delivered again.
     using ProblemFunction = std::function<void(const std::string& key, const std::string& problem)>;
 
+    // Why the module serving `key` would give up `text` as its policy; "" when it would take it.
+    using RefusalFunction = std::function<std::string(const std::string& key, const std::string& text)>;
+
     PolicyFeed(const std::vector<PolicySource>& sources, DeliverFunction deliver,
-               ProblemFunction problem = ProblemFunction());
+               ProblemFunction problem = ProblemFunction(), RefusalFunction refusal = RefusalFunction());
     ~PolicyFeed();
 
     PolicyFeed(const PolicyFeed&) = delete;
@@ -81,6 +85,7 @@ private:
     std::vector<Entry> m_entries;
     DeliverFunction m_deliver;
     ProblemFunction m_problem;
+    RefusalFunction m_refusal;
     bool m_stopped = false;
     int m_inotifyFd = -1;
     std::map<int, std::vector<Watcher>> m_watches;  // by watch descriptor

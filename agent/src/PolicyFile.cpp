@@ -66,42 +66,4 @@ bool CheckPolicyText(const std::string& text, std::string& error) {
     }
 }
 
-bool CheckPolicyAcceptable(const std::string& text, std::string& error) {
-    if (!CheckPolicyText(text, error)) {
-        return false;
-    }
-    Json::Value root;
-    std::string detail;
-    if (!ParseJsonText(text, false, root, detail)) {
-        error = "not valid JSON (" + detail + ")";
-        return false;
-    }
-    const Json::Value& content = root["content"];
-    if (!content.isObject() || !content.isMember("port_scan_task")) {
-        return true;  // not a port-scan policy: the JSON check is all the agent knows of it
-    }
-    const Json::Value& task = content["port_scan_task"];
-    if (!task.isObject()) {
-        error = "\"content\".\"port_scan_task\" is not an object";
-        return false;
-    }
-    if (content["is_feature_enable"].isBool() && !content["is_feature_enable"].asBool()) {
-        return true;  // switched off on purpose: nothing else is read
-    }
-    if (!task["monitor_list"].isArray()) {
-        error = "\"port_scan_task\".\"monitor_list\" is missing or not an array";
-        return false;
-    }
-    if (task["monitor_list"].size() > kMaxMonitorListEntries) {
-        error = "\"port_scan_task\".\"monitor_list\" has " + std::to_string(task["monitor_list"].size()) +
-                " entries, more than " + std::to_string(kMaxMonitorListEntries);
-        return false;
-    }
-    if (!task["task_condition"].isObject()) {
-        error = "\"port_scan_task\".\"task_condition\" is missing or not an object";
-        return false;
-    }
-    return true;
-}
-
 }  // namespace HostAgent

@@ -12,10 +12,4 @@ bool ReadPolicyFile(const std::string& path, std::string& text, std::string& err
 // True when `text` is one JSON object; otherwise `error` says what is wrong with it.
 bool CheckPolicyText(const std::string& text, std::string& error);
 
-// True when a module would take `text` as its policy; otherwise `error` says why it would be refused.
-// The one check before a delivery and in --check-config: a JSON object (CheckPolicyText) and, for a
-// port-scan policy ("content"."port_scan_task" present) that is switched on, the parts whose absence
-// makes the module give the policy up and switch detection off.
-bool CheckPolicyAcceptable(const std::string& text, std::string& error);
-
 }  // namespace HostAgent

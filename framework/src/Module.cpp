@@ -202,4 +202,8 @@ std::vector<std::string> Module::LintPolicy(const std::string& /*key*/, const st
     return {};
 }
 
+std::string Module::RefusalOf(const std::string& /*key*/, const std::string& /*text*/) const {
+    return "";
+}
+
 }  // namespace Framework

@@ -34,6 +34,9 @@ public:
     // For "10001": the findings of LintTaskPolicy on "content"."port_scan_task", with the host's IPv4
     // addresses as the capture filter counts them.
     std::vector<std::string> LintPolicy(const std::string& key, const std::string& text) const override;
+    // For "10001": why RefreshFeaturePolicy would switch detection off for `text` though its
+    // document does not turn the feature off; "" when it would run it.
+    std::string RefusalOf(const std::string& key, const std::string& text) const override;
 
     // Policy callback: builds and parses a new PortScanPolicy from `content`, marks `policy` (the
     // previous one, may be null) replaced, switches the task on or off, returns the new policy.

@@ -53,6 +53,44 @@ std::vector<std::string> PortScanModule::LintPolicy(const std::string& key, cons
     return LintTaskPolicy(root["content"][kTaskName], addresses.size());
 }
 
+std::string PortScanModule::RefusalOf(const std::string& key, const std::string& text) const {
+    if (key != kFeatureKey) {
+        return "";
+    }
+    Json::Value root;
+    if (SDK::JsonUtils::ParseJsonStr(text.c_str(), text.size(), root) != 0) {
+        return "not a JSON object";
+    }
+    const Json::Value& content = root["content"];
+    if (!content.isObject()) {
+        return "\"content\" is missing or not an object";
+    }
+    const Json::Value& task = content[kTaskName];
+    if (!task.isObject()) {
+        return "\"content\".\"" + std::string(kTaskName) + "\" is missing or not an object";
+    }
+    if (!SDK::JsonUtils::GetBoolValue(content, "is_feature_enable", true)) {
+        return "";  // switched off on purpose: nothing else is read
+    }
+    const std::string where = "\"" + std::string(kTaskName) + "\".";
+    if (!task["monitor_list"].isArray()) {
+        return where + "\"monitor_list\" is missing or not an array";
+    }
+    if (task["monitor_list"].size() > kMaxMonitorEntries) {
+        return where + "\"monitor_list\" has " + std::to_string(task["monitor_list"].size()) +
+               " entries, more than " + std::to_string(kMaxMonitorEntries);
+    }
+    if (!task["task_condition"].isObject()) {
+        return where + "\"task_condition\" is missing or not an object";
+    }
+    // The rest (white lists, the start condition) the parser itself judges, with its own error line.
+    PortScanTaskPolicy probe(kTaskName);
+    if (!probe.Parse(SDK::JsonUtils::JsonToString(task))) {
+        return "\"" + std::string(kTaskName) + "\" is refused: a white list or \"task_condition\" the module cannot read";
+    }
+    return "";
+}
+
 int PortScanModule::Init() {
     auto* callback =
         new Framework::PolicyCallback<PortScanModule>(this, &PortScanModule::RefreshFeaturePolicy);

@@ -83,9 +83,23 @@ TEST(AgentProcessTest, ReportsEventsAndFollowsPolicyEdits) {
     WriteFile(agent.m_dir.File("test.json"), "{\"a\": " + DeeplyNested() + "}");
     ASSERT_TRUE(WaitUntil([&] { return agent.Log().find("nested too deeply") != std::string::npos; }, kWait))
         << agent.Log();
+    // A policy the module would give up is not delivered either: the last good one stays in force,
+    // and the status says why (the agent itself is fine: exit 0).
+    const std::string policy = agent.m_dir.File("test.json");
+    WriteFile(policy, R"({"count": 5})");
+    ASSERT_TRUE(
+        WaitUntil([&] { return agent.Log().find("\"marker\" is missing") != std::string::npos; }, kWait))
+        << agent.Log();
+    const RunResult status =
+        TestSupport::Run({HOSTAGENT_BIN, "--status", "--config", agent.m_dir.File("agent.json")});
+    EXPECT_EQ(status.code, 0) << status.output;
+    EXPECT_NE(status.output.find("problem: " + policy +
+                                 ": \"marker\" is missing (the policy delivered before "
+                                 "stays in force)"),
+              std::string::npos)
+        << status.output;
     // Edits are noticed without a signal: in place, and by rename into place as editors do, also
     // after the file was gone for a while (the last good policy stays meanwhile).
-    const std::string policy = agent.m_dir.File("test.json");
     WriteFile(policy, Policy("second"));
     ASSERT_TRUE(agent.WaitFor("second", kEditSeen)) << agent.Log();
     ASSERT_EQ(std::remove(policy.c_str()), 0);

@@ -233,7 +233,10 @@ TEST(PortScanAgentRun, PolicyFileOutcomesInTheLog) {
     const std::pair<std::string, const char*> cases[] = {
         // An empty monitor list keeps the task from opening a capture socket.
         {Feature(R"({"monitor_list":[],"task_condition":{}})"), "[PortScan] first run port_scan_task, tid("},
-        {"port_scan_task: on", "Parse Json Error"},
+        // What the module would give up is not delivered: its last good policy would stay in force.
+        {"port_scan_task: on", "refused: not valid JSON"},
+        {Feature(R"({"monitor_list":{},"task_condition":{}})"),
+         "refused: \"port_scan_task\".\"monitor_list\" is missing or not an array; the last good policy stays"},
     };
     for (const auto& [policy, line] : cases) {
         SCOPED_TRACE(line);

@@ -63,6 +63,10 @@ public:
     // not serve and for text it cannot read (it reports that itself when the policy is delivered).
     // Valid before Init(); delivers nothing.
     virtual std::vector<std::string> LintPolicy(const std::string& key, const std::string& text) const;
+    // Why the module would give up `text` as its policy of `key` (and switch its work off) were it
+    // delivered; "" when it would take it, and for a key it does not serve. Valid before Init();
+    // delivers nothing.
+    virtual std::string RefusalOf(const std::string& key, const std::string& text) const;
 
     // Registers the callback for policies of `key`; takes ownership (also on failure, when a
     // callback for `key` exists already: then `callback` is deleted and false returned).

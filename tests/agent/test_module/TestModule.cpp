@@ -1,6 +1,6 @@
 // A module for the agent's tests only. Its policy (key "90001") is a JSON object: "marker" (text,
-// required) goes into every event; "count" events are sent when the policy arrives and
-// "burst_on_stop" more when the module stops. Each event is a type "2" message to the report task
+// required; a policy without it is refused) goes into every event; "count" events are sent when the policy
+// arrives and "burst_on_stop" more when the module stops. Each event is a type "2" message to the report task
 // with the body {"source","marker","kind":"policy"|"stop","seq","policy_name"}, pretty-printed on
 // purpose: the report task must write it as one line.
 #include "framework/Message.h"
@@ -36,6 +36,11 @@ public:
     void UnInit() override {
         Send("stop", "burst_on_stop", 0);
         Module::UnInit();
+    }
+    // A policy without its "marker" would be given up: the agent must keep the last good one.
+    std::string RefusalOf(const std::string& key, const std::string& text) const override {
+        TestPolicy probe;
+        return key == "90001" && !probe.Parse(text) ? "\"marker\" is missing" : "";
     }
     Framework::Policy* OnPolicy(const std::string& name, const std::string& content, Framework::Policy*&) {
         auto* policy = new TestPolicy;
