@@ -1,3 +1,4 @@
+#include "sdk/LogStatement.h"
 #include "sdk/LoggerUtils.h"
 
 #include "support/NetLab.h"
@@ -100,6 +101,39 @@ TEST(LoggerUtilsTest, BurstFromOneSourceLineIsCappedAndSummarised) {
                                 "SocketUtil.cpp:60 suppressed"),
               std::string::npos)
         << lines.back();
+}
+
+// Lines bounded by what they report pass the budget: table rows (exempt) and distinct texts of one
+// source line (alarm lines of distinct ports, distinct findings); one text repeated is still held
+// back, and reopening the log (a rotation) first writes the summary of what was held back.
+TEST(LoggerUtilsTest, TableRowsAndDistinctTextsPassTheBudgetAndAReopenFlushesSummaries) {
+    TestSupport::TempDir dir;
+    std::string error;
+    const SDK::LogSettings settings{"debug", false, dir.File("agent.log")};
+    ASSERT_TRUE(LoggerUtils::GetInstance()->Configure(settings, error)) << error;
+    Poco::Logger* module = LoggerUtils::GetInstance()->GetModuleLogger("portscan_module", false);
+    auto log = [&](const std::string& text, int line, SDK::LogBudget budget) {
+        Poco::Message msg(module->name(), text, Poco::Message::PRIO_DEBUG, "/src/Task.cpp", line);
+        SDK::SetLogBudget(msg, budget);
+        module->log(msg);
+    };
+    for (int i = 0; i < 100; ++i) {
+        log("  Port " + std::to_string(i), 70, SDK::LogBudget::kExempt);
+        log("Alarm found, port [" + std::to_string(i) + "]", 71, SDK::LogBudget::kPerText);
+        log("Alarm found, port [7]", 72, SDK::LogBudget::kPerText);
+    }
+    ASSERT_TRUE(LoggerUtils::GetInstance()->Configure(settings, error)) << error;
+    std::size_t rows = 0, distinct = 0, repeated = 0, summaries = 0;
+    for (const std::string& line : TestSupport::ReadLines(dir.File("agent.log"))) {
+        rows += line.find(":70:   Port ") != std::string::npos;
+        distinct += line.find(":71: Alarm found") != std::string::npos;
+        repeated += line.find(":72: Alarm found") != std::string::npos;
+        summaries += line.find("[Log] 60 more line(s) from Task.cpp:72 suppressed") != std::string::npos;
+    }
+    EXPECT_EQ(rows, 100u);
+    EXPECT_EQ(distinct, 100u);
+    EXPECT_EQ(repeated, 40u);
+    EXPECT_EQ(summaries, 1u);
 }
 
 }  // namespace
