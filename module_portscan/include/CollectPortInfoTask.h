@@ -149,6 +149,15 @@ public:
     // Attaches the IPv6 filter for `ports` and drops what was queued; on failure closes the socket.
     bool LoadCapture6Filter(const std::vector<long>& ports);
 
+    // Follows the switches of the current policy at every loop pass: a policy that turns "ipv6" off
+    // closes the IPv6 socket at once; "follow_address_changes" keeps an rtnetlink socket in the epoll
+    // set while the capture sockets exist, and an address added or removed rebuilds the filters (the
+    // state machine's reload) with the host's addresses read anew.
+    void FollowSwitches();
+    void CloseAddressWatch();
+    // The host's IPv4 and IPv6 addresses as the filters take them, as one text for comparison.
+    static std::string LocalAddressText();
+
 private:
     // The task policy, read anew at each use (with the activity mark made first).
     PortScanTaskPolicy* GetPolicy();
@@ -175,10 +184,12 @@ private:
     bool m_firstRun;
     int m_sockFd;
     int m_epollFd;
-    int m_sock6Fd;                 // IPv6 capture socket, -1 when there is none
-    ComputeChain* m_computeChain;  // owning, head of the classifier chain
-    long m_lastTickTime;           // last one-minute tick (s)
-    bool m_alarmPending;           // "prompt_alarms": a port crossed the threshold since the last send
+    int m_sock6Fd;                   // IPv6 capture socket, -1 when there is none
+    int m_addressWatchFd;            // "follow_address_changes": rtnetlink address notices, or -1
+    std::string m_watchedAddresses;  // LocalAddressText() when the filters were last built for it
+    ComputeChain* m_computeChain;    // owning, head of the classifier chain
+    long m_lastTickTime;             // last one-minute tick (s)
+    bool m_alarmPending;             // "prompt_alarms": a port crossed the threshold since the last send
 };
 
 }  // namespace Engine

@@ -63,6 +63,8 @@ public:
     bool IsPromptAlarms() const { return IsSwitchOn("prompt_alarms"); }
     // Capture IPv6 frames too, on a second packet socket ("ipv6").
     bool IsIpv6Enable() const { return IsSwitchOn("ipv6"); }
+    // Rebuild the capture filters when the host gains or loses an address.
+    bool IsFollowAddressChanges() const { return IsSwitchOn("follow_address_changes"); }
     // IPv6 ranges of remote hosts whose packets never raise alarms ("white_ip6_list").
     const std::vector<IP6_RANGE>& GetWhiteIp6List() const { return m_whiteIp6List; }
 

@@ -89,6 +89,23 @@ public:
     static bool RecvNetLinkMsgQuery(int sockfd, int& result, int protocol);
     // Classifies the first reply header of `length` received bytes.
     static bool CheckHeader(const nlmsghdr* header, int length, int& result);
+
+    // "dual_stack_occupancy": one batch of a socket-diagnostics reply about IPv6 sockets. Sets `found`
+    // when a record is a socket that an IPv4 packet reaches: bound to :: or to an IPv4-mapped
+    // address, and not IPV6_V6ONLY (INET_DIAG_SKV6ONLY; a record without it counts). Returns 1 when
+    // the reply goes on in a further batch, 0 when it ended (NLMSG_DONE), -1 on an error or a record
+    // that does not fit.
+    static int ScanDualStackReply(const char* data, std::size_t length, bool& found);
+    // Queries the IPv6 sockets on `port` for ScanDualStackReply: `result` 0 when one takes IPv4
+    // packets, 1 when none does. False when the query failed.
+    static bool QueryDualStackPort(unsigned short port, int protocol, int& result);
+
+    // "follow_address_changes": a non-blocking netlink socket that hears of every IPv4 and IPv6
+    // address added or removed; -1 (with an error line) when it cannot be made.
+    static int OpenAddressWatch();
+    // Reads what waits on the watch socket; true when an address was added or removed (or notices
+    // were lost), so the filters must be built again.
+    static bool TakeAddressChanges(int fd);
 };
 
 }  // namespace Engine

@@ -140,6 +140,7 @@ CollectPortInfoTask::CollectPortInfoTask()
       m_sockFd(0),
       m_epollFd(0),
       m_sock6Fd(-1),
+      m_addressWatchFd(-1),
       m_computeChain(nullptr),
       m_lastTickTime(0),
       m_alarmPending(false) {}
@@ -189,6 +190,7 @@ void CollectPortInfoTask::InitFieldVars() {
     m_sockFd = -1;
     m_epollFd = -1;
     m_sock6Fd = -1;
+    m_addressWatchFd = -1;
     m_lastTickTime = 0;
     m_alarmPending = false;
 
@@ -247,6 +249,7 @@ int CollectPortInfoTask::Run() {
             }
             continue;
         }
+        FollowSwitches();
         if (!DoPortScan(errCount, pktCount)) {
             sleep(kRetryPauseMs);
         }

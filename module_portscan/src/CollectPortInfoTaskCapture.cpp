@@ -46,6 +46,20 @@ bool CollectPortInfoTask::DoPortScan(int& errCount, int& pktCount) {
     if ((event.events & EPOLLIN) == 0) {
         return true;
     }
+    if (m_addressWatchFd != -1 && event.data.fd == m_addressWatchFd) {
+        // Notices also come for changes of an address's flags or lifetimes: only a different list
+        // rebuilds the filters (a rebuild drops the frames queued under the old ones).
+        if (SocketUtil::TakeAddressChanges(m_addressWatchFd) && m_monitorStatus == MONITOR_LIST_NORMAL) {
+            const std::string addresses = LocalAddressText();
+            if (addresses != m_watchedAddresses) {
+                PORTSCAN_LOG(Poco::Message::PRIO_INFORMATION,
+                             "[PortScan] Local addresses changed, reloading filters");
+                m_watchedAddresses = addresses;
+                m_monitorStatus = MONITOR_LIST_CHANGE;
+            }
+        }
+        return true;
+    }
     if (IsExtensionOn(&PortScanTaskPolicy::IsDrainSocketQueue)) {
         return DrainSocketQueue(event.data.fd, pktCount, errCount);
     }
@@ -239,6 +253,60 @@ void CollectPortInfoTask::CloseCapture6() {
     // Closing the descriptor also takes it out of the epoll set.
     close(m_sock6Fd);
     m_sock6Fd = -1;
+}
+
+// Switches followed at every pass
+
+void CollectPortInfoTask::FollowSwitches() {
+    if (m_sock6Fd != -1 && !IsExtensionOn(&PortScanTaskPolicy::IsIpv6Enable)) {
+        PORTSCAN_LOG(Poco::Message::PRIO_INFORMATION, "[PortScan] ipv6 turned off, closing the ip6 socket");
+        CloseCapture6();
+    }
+    const bool follow = IsExtensionOn(&PortScanTaskPolicy::IsFollowAddressChanges);
+    if (!follow || !m_socketReady) {
+        CloseAddressWatch();
+        return;
+    }
+    if (m_addressWatchFd != -1) {
+        return;
+    }
+    m_addressWatchFd = SocketUtil::OpenAddressWatch();
+    if (m_addressWatchFd == -1) {
+        return;  // logged; tried again at the next pass after the next socket build
+    }
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = m_addressWatchFd;
+    if (epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_addressWatchFd, &event) == -1) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Epoll add address watch fail!");
+        CloseAddressWatch();
+        return;
+    }
+    // The filters were built in this pass or before: with the addresses as they are now.
+    m_watchedAddresses = LocalAddressText();
+}
+
+std::string CollectPortInfoTask::LocalAddressText() {
+    std::vector<unsigned int> addresses;
+    std::vector<in6_addr> addresses6;
+    IPUtil::GetLocalhostIp(addresses);
+    IPUtil::GetLocalhostIp6(addresses6);
+    std::string text;
+    for (unsigned int address : addresses) {
+        text += std::to_string(address) + ",";
+    }
+    for (const in6_addr& address : addresses6) {
+        text += IPUtil::Ip6Text(address) + ",";
+    }
+    return text;
+}
+
+void CollectPortInfoTask::CloseAddressWatch() {
+    if (m_addressWatchFd == -1) {
+        return;
+    }
+    close(m_addressWatchFd);  // also leaves the epoll set
+    m_addressWatchFd = -1;
 }
 
 }  // namespace Engine

@@ -128,6 +128,7 @@ bool CollectPortInfoTask::PortChanged() {
 bool CollectPortInfoTask::PortCleared() {
     PORTSCAN_LOG(Poco::Message::PRIO_DEBUG, "[PortScan] Monitor port clear!");
     CloseCapture6();
+    CloseAddressWatch();
     if (m_socketReady) {
         close(m_sockFd);
         m_sockFd = -1;

@@ -51,8 +51,14 @@ void CollectPortInfoTask::CheckPortStatus(unsigned short port, int& status, int 
     if (status == 0 || !IsExtensionOn(&PortScanTaskPolicy::IsDualStackOccupancy)) {
         return;
     }
-    // An IPv6 wildcard socket serves IPv4 clients too.
-    MergeFamilyStatus(port, status, protocol, AF_INET6);
+    // An IPv6 socket serves IPv4 clients too when it is bound to the wildcard (or an IPv4-mapped
+    // address) and not IPv6-only; any other IPv6 socket leaves the port free for IPv4 probes.
+    int dualStack = 1;
+    if (!SocketUtil::QueryDualStackPort(port, protocol, dualStack)) {
+        status = 2;
+    } else if (dualStack == 0) {
+        status = 0;
+    }
 }
 
 void CollectPortInfoTask::CheckPortStatus6(unsigned short port, int& status, int protocol) {

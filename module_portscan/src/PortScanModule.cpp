@@ -86,7 +86,8 @@ std::string PortScanModule::RefusalOf(const std::string& key, const std::string&
     // The rest (white lists, the start condition) the parser itself judges, with its own error line.
     PortScanTaskPolicy probe(kTaskName);
     if (!probe.Parse(SDK::JsonUtils::JsonToString(task))) {
-        return "\"" + std::string(kTaskName) + "\" is refused: a white list or \"task_condition\" the module cannot read";
+        return "\"" + std::string(kTaskName) +
+               "\" is refused: a white list or \"task_condition\" the module cannot read";
     }
     return "";
 }

@@ -53,6 +53,8 @@ std::vector<Framework::PolicyKeyInfo> MakeKeys() {
         Row("prompt_alarms", "boolean", "false", "",
             "send a port's alarm in the loop pass that crossed the threshold", true),
         Row("ipv6", "boolean", "false", "", "capture IPv6 probes too, on a second packet socket", true),
+        Row("follow_address_changes", "boolean", "false", "",
+            "rebuild the capture filters when the host gains or loses an address", true),
     };
 }
 

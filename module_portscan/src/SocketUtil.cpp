@@ -477,6 +477,113 @@ bool SocketUtil::CheckHeader(const nlmsghdr* header, int length, int& result) {
 }
 
 // ---------------------------------------------------------------------------------------------
+// Dual-stack occupancy and address changes
+
+namespace {
+
+// Batches read for one dual-stack query: a port held by more sockets than fit is a port in use.
+constexpr int kMaxDualStackBatches = 64;
+
+bool TakesIpv4(const inet_diag_msg& record, int length) {
+    const auto* address = reinterpret_cast<const in6_addr*>(record.id.idiag_src);
+    if (!IN6_IS_ADDR_UNSPECIFIED(address) && !IN6_IS_ADDR_V4MAPPED(address)) {
+        return false;  // bound to one IPv6 address: IPv4 never reaches it
+    }
+    const rtattr* attribute = reinterpret_cast<const rtattr*>(&record + 1);
+    int left = length - static_cast<int>(NLMSG_LENGTH(sizeof(inet_diag_msg)));
+    for (; RTA_OK(attribute, left); attribute = RTA_NEXT(attribute, left)) {
+        if (attribute->rta_type == INET_DIAG_SKV6ONLY && RTA_PAYLOAD(attribute) >= 1) {
+            return *static_cast<const uint8_t*>(RTA_DATA(attribute)) == 0;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+int SocketUtil::ScanDualStackReply(const char* data, std::size_t length, bool& found) {
+    int left = static_cast<int>(length);
+    for (const auto* header = reinterpret_cast<const nlmsghdr*>(data); NLMSG_OK(header, left);
+         header = NLMSG_NEXT(header, left)) {
+        if (header->nlmsg_type == NLMSG_DONE) {
+            return 0;
+        }
+        if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY ||
+            header->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg))) {
+            return -1;
+        }
+        const auto* record = static_cast<const inet_diag_msg*>(NLMSG_DATA(header));
+        if (record->idiag_family == AF_INET6 && TakesIpv4(*record, static_cast<int>(header->nlmsg_len))) {
+            found = true;
+        }
+    }
+    return left == 0 ? 1 : -1;
+}
+
+bool SocketUtil::QueryDualStackPort(unsigned short port, int protocol, int& result) {
+    const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+    if (fd < 0) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Create Netlink sock err!");
+        return false;
+    }
+    bool answered = SendNetlinkMsgQuery(fd, port, protocol, SOCK_DIAG_BY_FAMILY, AF_INET6);
+    bool found = false;
+    int more = answered ? 1 : -1;
+    alignas(nlmsghdr) char buffer[kNetlinkBufferSize];
+    for (int batch = 0; more == 1 && batch < kMaxDualStackBatches; ++batch) {
+        const ssize_t count = recv(fd, buffer, sizeof(buffer), 0);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        more = count <= 0 ? -1 : ScanDualStackReply(buffer, static_cast<std::size_t>(count), found);
+    }
+    close(fd);
+    answered = found || more == 0;
+    result = found ? 0 : 1;
+    return answered;
+}
+
+int SocketUtil::OpenAddressWatch() {
+    const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
+    if (fd < 0) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Create address watch socket err!");
+        return -1;
+    }
+    sockaddr_nl local{};
+    local.nl_family = AF_NETLINK;
+    local.nl_groups = RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) != 0) {
+        PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Bind address watch socket err!");
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+bool SocketUtil::TakeAddressChanges(int fd) {
+    bool changed = false;
+    alignas(nlmsghdr) char buffer[kNetlinkBufferSize];
+    for (;;) {
+        const ssize_t count = recv(fd, buffer, sizeof(buffer), 0);
+        if (count < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            // ENOBUFS: notices were lost, so an address may have changed unseen.
+            return changed || errno == ENOBUFS;
+        }
+        if (count == 0) {
+            return changed;
+        }
+        int left = static_cast<int>(count);
+        for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(header, left);
+             header = NLMSG_NEXT(header, left)) {
+            changed = changed || header->nlmsg_type == RTM_NEWADDR || header->nlmsg_type == RTM_DELADDR;
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
 // IPv6 capture
 
 namespace {

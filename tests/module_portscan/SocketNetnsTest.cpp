@@ -250,6 +250,28 @@ TEST_F(PortScanNetns, SocketDiagnosticsAndRouteDump) {
             EXPECT_EQ(expected, result) << port << "/" << protocol;
             close(fd);
         }
+        // "dual_stack_occupancy": only an IPv6 socket an IPv4 packet reaches holds the port for it.
+        const struct {
+            uint16_t port;
+            const char* address;
+            int v6only;
+            int expected;  // 0: holds it for IPv4
+        } sockets[] = {
+            {4110, "::", 1, 1}, {4111, "::", 0, 0}, {4112, "::1", 0, 1}, {4113, "::ffff:127.0.0.1", 0, 0}};
+        for (const auto& s : sockets) {
+            const int fd = socket(AF_INET6, SOCK_STREAM, 0);
+            ASSERT_EQ(0, setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &s.v6only, sizeof(s.v6only)));
+            sockaddr_in6 address{};
+            address.sin6_family = AF_INET6;
+            address.sin6_port = htons(s.port);
+            ASSERT_EQ(1, inet_pton(AF_INET6, s.address, &address.sin6_addr));
+            ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address))) << s.port;
+            ASSERT_EQ(0, listen(fd, 4));
+            m_fds.push_back(fd);
+            int result = -1;
+            EXPECT_TRUE(SocketUtil::QueryDualStackPort(s.port, 0, result));
+            EXPECT_EQ(s.expected, result) << s.port;
+        }
     });
 
     // Only inside this isolated namespace; nothing is sent along it.
