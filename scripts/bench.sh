@@ -16,6 +16,8 @@ FLOOD_SECONDS=5
 FLOOD_PACKETS=250000      # at most this many SYNs, one every 20 us
 # A port of the shipped policy that a program serves here (iperf3): the agent must not care.
 SERVED_PORT=8080
+# A watched port nothing serves, flooded from a spoofed public source.
+SPOOF_PORT=3389
 # Probes for the instruction count: this many per free watched port, below the freeze limit (20).
 PROBES_PER_PORT=10
 
@@ -113,6 +115,16 @@ ip netns exec "$LOAD" timeout $((FLOOD_SECONDS + 1)) hping3 -q -S -p "$SERVED_PO
 cpu1=$(cpu_seconds "$AGENT_PID")
 flood_cpu=$(awk -v a="$cpu0" -v b="$cpu1" 'BEGIN { printf "%.2f", b - a }')
 flood_sent=$(awk '/packets transmitted/ { print $1 }' "$WORK/hping3.out")
+
+# A closed watched port flooded from a spoofed public source: with the shipped policy's
+# reportable_sources_only the kernel filter drops every frame, so the agent should not notice.
+echo "bench: spoofed public SYN flood to watched closed port $SPOOF_PORT for ${FLOOD_SECONDS}s"
+cpu0=$(cpu_seconds "$AGENT_PID")
+ip netns exec "$LOAD" timeout $((FLOOD_SECONDS + 1)) hping3 -q -S -a 198.51.100.7 -p "$SPOOF_PORT" -i u20 \
+  -c "$FLOOD_PACKETS" "$MON_ADDR" >"$WORK/hping3-spoofed.out" 2>&1 || true
+cpu1=$(cpu_seconds "$AGENT_PID")
+spoof_cpu=$(awk -v a="$cpu0" -v b="$cpu1" 'BEGIN { printf "%.2f", b - a }')
+spoof_sent=$(awk '/packets transmitted/ { print $1 }' "$WORK/hping3-spoofed.out")
 load_rss=$(status_kb "$AGENT_PID" VmRSS)
 peak_rss=$(status_kb "$AGENT_PID" VmHWM)
 kill -0 "$AGENT_PID" 2>/dev/null || die "the agent stopped under load; see $WORK/agent.err"
@@ -157,5 +169,6 @@ printf '%-52s %s\n' "idle CPU over ${IDLE_SECONDS}s (shipped policy, no traffic)
 printf '%-52s %s\n' "idle wake-ups per second (context switches)" "$idle_wakeups"
 printf '%-52s %s\n' "CPU seconds, ${STREAM_SECONDS}s iperf3 stream to served port" "$stream_cpu (stream ${stream} Gbit/s)"
 printf '%-52s %s\n' "CPU seconds, ${FLOOD_SECONDS}s hping3 SYN flood to served port" "$flood_cpu (${flood_sent:-?} SYNs sent)"
+printf '%-52s %s\n' "CPU seconds, ${FLOOD_SECONDS}s spoofed public SYN flood, closed port" "$spoof_cpu (${spoof_sent:-?} SYNs sent)"
 printf '%-52s %s\n' "VmRSS idle / after load / peak (KiB)" "$idle_rss / $load_rss / $peak_rss"
 printf '%-52s %s\n' "instructions per handled probe (callgrind)" "$per_probe ($handled frames handled, $probes probes sent)"

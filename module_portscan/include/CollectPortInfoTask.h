@@ -13,6 +13,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 // State of the task's monitor list; decides when the capture socket is (re)built.
@@ -64,6 +65,22 @@ struct PortInfoNode {
 
     bool operator<(const PortInfoNode& other) const;
 };
+
+// "scan_summary": what one scanning source did in its current scan.
+struct ScanSummary {
+    std::string localAddress;         // destination of its first probe
+    std::set<unsigned> ports;         // watched ports it probed
+    std::set<std::string> protocols;  // "TCP", "UDP"
+    std::set<std::string> kinds;      // TCP flag texts ("NONE" for no flag), "UDP"
+    uint64_t probes = 0;
+    long long firstMs = 0;  // epoch milliseconds of its first and last probe
+    long long lastMs = 0;
+};
+
+// The summary document of `summary` for the source `remote`, without its "event_id" (see the
+// report format: class "portscan_0003", at most `maxListedPorts` ports listed, all counted).
+Json::Value BuildScanSummaryDocument(const std::string& remote, const ScanSummary& summary,
+                                     std::size_t maxListedPorts);
 
 // True when `ip` is in `list` (linear search by value).
 bool ContainsIP(const std::vector<in_addr>& list, in_addr ip);
@@ -136,6 +153,19 @@ public:
     // Debug dump of the policy ports and the frozen ports.
     void PrintPortInfo();
 
+    // "reportable_sources_only": the source is one the module reports (private, not white-listed).
+    bool IsReportableSource(const PacketNode& pkt);
+    // "alarm_per_source": SendPortAlarm's work, once per port, protocol and source in a run.
+    void SendPerSourceAlarms();
+    // "scan_summary": counts a probe that a classifier took for a scan, and sends the summaries of
+    // sources quiet for "summary_quiet_s" (all of them with `all`, at the minute tick).
+    void RecordSummaryProbe(const PacketNode& pkt);
+    void SendScanSummaries(bool all);
+    // Sources tracked at once; the ones beyond are counted as dropped.
+    static const std::size_t kMaxSummarySources;
+    // Ports a summary lists (all are counted).
+    static const std::size_t kMaxSummaryPorts;
+
     // Binds the capture socket (or `fd`) to the master interface. True only when the bind failed.
     bool BindMasterInterface() const;
     bool BindMasterInterface(int fd) const;
@@ -190,6 +220,10 @@ private:
     ComputeChain* m_computeChain;    // owning, head of the classifier chain
     long m_lastTickTime;             // last one-minute tick (s)
     bool m_alarmPending;             // "prompt_alarms": a port crossed the threshold since the last send
+    // "alarm_per_source": (port, protocol, source) alarmed in this run.
+    std::set<std::tuple<uint32_t, uint32_t, std::string>> m_alarmedSources;
+    std::map<std::string, ScanSummary> m_scanSummaries;  // "scan_summary": by source address text
+    std::size_t m_summariesDropped;                      // sources not tracked since the last tick
 };
 
 }  // namespace Engine

@@ -65,6 +65,14 @@ public:
     bool IsIpv6Enable() const { return IsSwitchOn("ipv6"); }
     // Rebuild the capture filters when the host gains or loses an address.
     bool IsFollowAddressChanges() const { return IsSwitchOn("follow_address_changes"); }
+    // The capture filters admit only sources the module reports; white-listed ones count toward no limit.
+    bool IsReportableSourcesOnly() const { return IsSwitchOn("reportable_sources_only"); }
+    // The once-per-run alarm limit holds per port, protocol and source.
+    bool IsAlarmPerSource() const { return IsSwitchOn("alarm_per_source"); }
+    // One summary document per scanning source and scan.
+    bool IsScanSummary() const { return IsSwitchOn("scan_summary"); }
+    // Seconds without a probe that end a scan ("summary_quiet_s").
+    int GetSummaryQuietSeconds() const { return m_summaryQuietS; }
     // IPv6 ranges of remote hosts whose packets never raise alarms ("white_ip6_list").
     const std::vector<IP6_RANGE>& GetWhiteIp6List() const { return m_whiteIp6List; }
 
@@ -83,6 +91,7 @@ private:
     bool m_enable;
     uint32_t m_maxPktCount;
     std::map<std::string, bool> m_switches;  // opt-in switch -> on
+    int m_summaryQuietS;
     std::vector<IP6_RANGE> m_whiteIp6List;
 };
 

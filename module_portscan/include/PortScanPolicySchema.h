@@ -18,6 +18,12 @@ constexpr int kDefaultPortPkgNum = 20;
 constexpr int kDefaultPortIpNum = 4;
 constexpr int kDefaultPktCount = 1000;
 constexpr int kDefaultLogNum = 1;
+// "summary_quiet_s": a scanner quiet this long has ended its scan. Five seconds outlast nmap's
+// retransmission waits; ten minutes is as long as a summary may wait before the minute tick sends it
+// anyway (the tick comes first).
+constexpr int kDefaultSummaryQuietS = 5;
+constexpr int kMinSummaryQuietS = 1;
+constexpr int kMaxSummaryQuietS = 600;
 // Protocol codes of "monitor_list" entries; kProtocolBoth stands for a TCP and a UDP record.
 constexpr unsigned kProtocolTcp = 0;
 constexpr unsigned kProtocolUdp = 1;

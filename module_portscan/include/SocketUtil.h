@@ -45,10 +45,13 @@ public:
     // Builds and attaches the classic BPF filter for `ports` and the host's local IPv4 addresses.
     // True when attached; false leaves the previous filter in place (also when the lists do not fit,
     // see MaxFilterPorts).
-    static bool LoadPortBpfRules(int fd, std::vector<long> ports);
+    static bool LoadPortBpfRules(int fd, std::vector<long> ports, bool reportableSourcesOnly = false);
     // The most watched ports the IPv4 filter holds next to `addressCount` local addresses: its
     // longest jump (ports + 2 x addresses + 10) must fit the 8-bit offset. 0 when even no port fits.
-    static std::size_t MaxFilterPorts(std::size_t addressCount);
+    // With `reportableSourcesOnly` ("reportable_sources_only") the filter also tests the source for
+    // the private ranges the module reports (10/8, 172.16/12, 192.168/16), eight more instructions
+    // on its longest jump.
+    static std::size_t MaxFilterPorts(std::size_t addressCount, bool reportableSourcesOnly = false);
     // Discards up to 301 frames already queued on `fd`.
     static void ClearSocketBuff(int fd);
 
@@ -60,11 +63,13 @@ public:
     // (any when `ports` is empty); admitted frames are cut to the Ethernet, IPv6 and TCP headers.
     // No address admits nothing. False, with an error line, when a jump offset would not fit its
     // 8 bits or the program exceeds the kernel's length limit.
+    // With `reportableSourcesOnly` the source must also be unique-local (fc00::/7) or link-local
+    // (fe80::/10).
     static bool BuildPort6BpfProgram(const std::vector<in6_addr>& addresses, const std::vector<long>& ports,
-                                     std::vector<sock_filter>& program);
+                                     std::vector<sock_filter>& program, bool reportableSourcesOnly = false);
     // Builds the IPv6 filter for `ports` and the host's IPv6 addresses (::1 excluded) and attaches
     // it. True when attached; false leaves the previous filter in place.
-    static bool LoadPort6BpfRules(int fd, std::vector<long> ports);
+    static bool LoadPort6BpfRules(int fd, std::vector<long> ports, bool reportableSourcesOnly = false);
     // Fills `node` (isIpv6 set) from an IPv6 Ethernet frame of `length` received bytes. False, with
     // `node` untouched, for a short frame, a frame that is not IPv6, or a next header other than TCP
     // or UDP (extension headers included).

@@ -143,7 +143,8 @@ CollectPortInfoTask::CollectPortInfoTask()
       m_addressWatchFd(-1),
       m_computeChain(nullptr),
       m_lastTickTime(0),
-      m_alarmPending(false) {}
+      m_alarmPending(false),
+      m_summariesDropped(0) {}
 
 CollectPortInfoTask::~CollectPortInfoTask() = default;
 
@@ -216,6 +217,8 @@ int CollectPortInfoTask::Run() {
     m_firstRun = false;
 
     m_logLimitPortMap.clear();
+    m_alarmedSources.clear();
+    m_scanSummaries.clear();
     m_idleCount = 0;
     int errCount = 0;  // receive and wait errors in the current minute
     int pktCount = 0;  // packets in the current minute
@@ -237,6 +240,9 @@ int CollectPortInfoTask::Run() {
             ++tickCount;
             PrintPortInfo();
             SendPortAlarm();
+            if (!m_scanSummaries.empty() || m_summariesDropped > 0) {  // only ever with "scan_summary"
+                SendScanSummaries(true);
+            }
             m_lastTickTime = SDK::TimeUtils::GetCurrentTimestampS();
             errCount = 0;
             pktCount = 0;
@@ -256,6 +262,9 @@ int CollectPortInfoTask::Run() {
         if (m_alarmPending) {  // only ever set with "prompt_alarms"
             m_alarmPending = false;
             SendPortAlarm();
+        }
+        if (!m_scanSummaries.empty()) {  // only ever filled with "scan_summary"
+            SendScanSummaries(false);
         }
         GovernCpu(g_afterWaitTick, __FILE__, kGovernorAfterWaitSite);
     }

@@ -8,6 +8,8 @@
 #include "sdk/LoggerUtils.h"
 #include "sdk/TimeUtils.h"
 
+#include <algorithm>
+
 namespace Engine {
 
 using namespace CollectTask;
@@ -32,11 +34,23 @@ bool CollectPortInfoTask::BuildPortRemoteIpMap(std::map<unsigned short, std::str
 
 bool CollectPortInfoTask::CrossedAlarmThreshold(const PortInfoNode& record) const {
     const auto* policy = dynamic_cast<const PortScanTaskPolicy*>(GetTaskPolicy());
+    if (policy != nullptr && policy->IsAlarmPerSource() && !record.alarmInfos.empty()) {
+        // The newest entry's source has just crossed when it holds one entry more than required.
+        const std::string& source = record.alarmInfos.back().remoteAddress;
+        const auto entries =
+            std::count_if(record.alarmInfos.begin(), record.alarmInfos.end(),
+                          [&](const AlarmInfo& info) { return info.remoteAddress == source; });
+        return static_cast<uint32_t>(entries) == policy->GetMaxLogNum() + 1;
+    }
     return policy != nullptr && static_cast<uint32_t>(record.alarmNum) > policy->GetMaxLogNum() &&
            m_logLimitPortMap.find(record.port) == m_logLimitPortMap.end();
 }
 
 void CollectPortInfoTask::SendPortAlarm() {
+    if (IsExtensionOn(&PortScanTaskPolicy::IsAlarmPerSource)) {
+        SendPerSourceAlarms();
+        return;
+    }
     // Shared by every port of this call: the document is never cleared and the count runs on.
     Json::Value alarm;
     int eventCount = 0;

@@ -98,6 +98,17 @@ bool CollectPortInfoTask::HandleSocketBuffer(int sockFd, int& pktCount, int& err
     char buffer[kRecvBufferSize] = {};
     const ssize_t received = recv(sockFd, buffer, sizeof(buffer), 0);
     if (received >= 1) {
+        PacketNode node{};
+        const auto parse = [&] {
+            return (m_sock6Fd != -1 && sockFd == m_sock6Fd)
+                       ? SocketUtil::ParsePacket6(buffer, static_cast<unsigned long>(received), &node)
+                       : SocketUtil::ParsePacket(buffer, kRecvBufferSize, &node);
+        };
+        const bool reportableOnly = IsExtensionOn(&PortScanTaskPolicy::IsReportableSourcesOnly);
+        bool parsed = reportableOnly && parse();
+        if (parsed && !IsReportableSource(node)) {
+            return true;  // a source never reported (white-listed) counts toward no limit
+        }
         ++pktCount;
         PortScanTaskPolicy* policy = GetPolicy();  // makes the activity mark
         if (policy != nullptr && static_cast<uint32_t>(pktCount) > policy->GetMaxPktCount()) {
@@ -105,11 +116,9 @@ bool CollectPortInfoTask::HandleSocketBuffer(int sockFd, int& pktCount, int& err
             m_running = false;
             return false;
         }
-        PacketNode node{};
-        const bool parsed =
-            (m_sock6Fd != -1 && sockFd == m_sock6Fd)
-                ? SocketUtil::ParsePacket6(buffer, static_cast<unsigned long>(received), &node)
-                : SocketUtil::ParsePacket(buffer, kRecvBufferSize, &node);
+        if (!reportableOnly) {
+            parsed = parse();
+        }
         if (parsed && !CheckPortOccupied(node)) {
             HandlePacket(node, kRecvBufferSize);
         }
@@ -234,7 +243,8 @@ void CollectPortInfoTask::ReloadCapture6(const std::vector<long>& ports) {
 bool CollectPortInfoTask::LoadCapture6Filter(const std::vector<long>& ports) {
     PORTSCAN_LOG(Poco::Message::PRIO_INFORMATION, "[PortScan] Reload ip6 BPF rules , port size = (%z)",
                  ports.size());
-    if (!SocketUtil::LoadPort6BpfRules(m_sock6Fd, ports)) {
+    if (!SocketUtil::LoadPort6BpfRules(m_sock6Fd, ports,
+                                       IsExtensionOn(&PortScanTaskPolicy::IsReportableSourcesOnly))) {
         // Not kept open: an old filter may still admit a port that was frozen or taken since, and a new
         // socket without one admits every IPv6 frame.
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] Load ip6 BPF rules fail, IPv4 capture only!");

@@ -92,7 +92,8 @@ bool CollectPortInfoTask::PortCreated() {
     }
     PORTSCAN_LOG(Poco::Message::PRIO_INFORMATION, "[PortScan] Reload BPF rules , port size = (%z)",
                  ports.size());
-    if (!SocketUtil::LoadPortBpfRules(m_sockFd, ports)) {
+    if (!SocketUtil::LoadPortBpfRules(m_sockFd, ports,
+                                      IsExtensionOn(&PortScanTaskPolicy::IsReportableSourcesOnly))) {
         close(m_sockFd);
         m_sockFd = -1;
         close(m_epollFd);
@@ -115,7 +116,8 @@ bool CollectPortInfoTask::PortChanged() {
     const std::vector<long> ports = CollectPorts(m_portSet);
     PORTSCAN_LOG(Poco::Message::PRIO_INFORMATION, "[PortScan] Reload BPF rules , port size = (%z)",
                  ports.size());
-    if (!SocketUtil::LoadPortBpfRules(m_sockFd, ports)) {
+    if (!SocketUtil::LoadPortBpfRules(m_sockFd, ports,
+                                      IsExtensionOn(&PortScanTaskPolicy::IsReportableSourcesOnly))) {
         return false;  // old filter kept; the next check retries
     }
     // Frames admitted by the old filter must not count under the new port set.

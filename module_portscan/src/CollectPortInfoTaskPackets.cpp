@@ -80,6 +80,9 @@ void CollectPortInfoTask::HandlePacket(const PacketNode& pkt, unsigned long len)
         if (IsExtensionOn(&PortScanTaskPolicy::IsPromptAlarms) && CrossedAlarmThreshold(record)) {
             m_alarmPending = true;
         }
+        if (IsExtensionOn(&PortScanTaskPolicy::IsScanSummary)) {
+            RecordSummaryProbe(pkt);
+        }
     }
 
     // The chain made activity marks: the policy is read anew.

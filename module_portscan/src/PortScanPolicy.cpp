@@ -106,7 +106,8 @@ PortScanTaskPolicy::PortScanTaskPolicy(const std::string& name)
       m_bindMasterIntf(false),
       m_chkBeforeAlarm(false),
       m_enable(false),
-      m_maxPktCount(0) {}
+      m_maxPktCount(0),
+      m_summaryQuietS(kDefaultSummaryQuietS) {}
 
 PortScanTaskPolicy::~PortScanTaskPolicy() = default;
 
@@ -172,6 +173,16 @@ bool PortScanTaskPolicy::Parse(const std::string& text) {
         if (key.extension && key.type == "boolean") {
             m_switches[key.name] = SDK::JsonUtils::GetBoolValue(root, key.name.c_str(), false);
         }
+    }
+    if (root.isMember("summary_quiet_s")) {
+        const Json::Value& quiet = root["summary_quiet_s"];
+        if (!quiet.isIntegral() || quiet.asLargestInt() < kMinSummaryQuietS ||
+            quiet.asLargestInt() > kMaxSummaryQuietS) {
+            PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[PortScan] summary_quiet_s must be %d..%d",
+                         kMinSummaryQuietS, kMaxSummaryQuietS);
+            return false;
+        }
+        m_summaryQuietS = quiet.asInt();
     }
 
     // A condition the runtime refuses fails the whole task policy.

@@ -55,6 +55,15 @@ std::vector<Framework::PolicyKeyInfo> MakeKeys() {
         Row("ipv6", "boolean", "false", "", "capture IPv6 probes too, on a second packet socket", true),
         Row("follow_address_changes", "boolean", "false", "",
             "rebuild the capture filters when the host gains or loses an address", true),
+        Row("reportable_sources_only", "boolean", "false", "",
+            "capture only frames from private sources; white-listed ones count toward no limit", true),
+        Row("alarm_per_source", "boolean", "false", "", "one alarm per port, protocol and scanner in a run",
+            true),
+        Row("scan_summary", "boolean", "false", "", "one \"Port scan summary\" document per scanner and scan",
+            true),
+        Row("summary_quiet_s", "integer", std::to_string(kDefaultSummaryQuietS),
+            std::to_string(kMinSummaryQuietS) + ".." + std::to_string(kMaxSummaryQuietS),
+            "seconds without a probe after which a scanner's summary is sent", true),
     };
 }
 
@@ -174,13 +183,13 @@ std::vector<std::string> LintTaskPolicy(const Json::Value& task, std::size_t loc
                       "\"exact_port_lookup\" true");
     }
     const std::size_t ports = pairs.size();
-    const std::size_t reach = SocketUtil::MaxFilterPorts(localAddressCount);
+    const std::size_t reach =
+        SocketUtil::MaxFilterPorts(localAddressCount, Flag(task, "reportable_sources_only"));
     if (ports > reach) {
-        out.push_back(
-            std::to_string(ports) + " watched port(s) and " + std::to_string(localAddressCount) +
-            " local address(es) exceed the capture filter's reach (ports + 2 x addresses + 10 <= 255): "
-            "the filter is built wrong and misses or mis-sorts packets; watch at most " +
-            std::to_string(reach) + " ports on this host");
+        out.push_back(std::to_string(ports) + " watched port(s) and " + std::to_string(localAddressCount) +
+                      " local address(es) exceed the capture filter's reach: "
+                      "the filter is built wrong and misses or mis-sorts packets; watch at most " +
+                      std::to_string(reach) + " ports on this host");
     }
     if (!Flag(task, "check_port_before_alarm")) {
         out.push_back(

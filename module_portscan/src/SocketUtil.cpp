@@ -31,6 +31,11 @@ namespace {
 constexpr int kRetryTimes = 10;
 // Classic BPF jump offsets are one byte wide: no jump reaches further than this.
 constexpr size_t kMaxJumpOffset = 255;
+// "reportable_sources_only": instructions of the IPv4 source-range tests (three masks and compares).
+constexpr size_t kSourceRangeTestLength = 8;
+// The private IPv4 ranges the module reports, as (network, mask), in the order they are tested.
+constexpr uint32_t kReportableRanges[][2] = {
+    {0x0a000000, 0xff000000}, {0xac100000, 0xfff00000}, {0xc0a80000, 0xffff0000}};
 // Bytes of an admitted frame that the filter keeps: Ethernet, IPv4 and TCP/UDP headers.
 constexpr unsigned int kSnapLength = 60;
 // Upper bound of frames that one ClearSocketBuff call discards.
@@ -122,12 +127,13 @@ int SocketUtil::BindPort(int fd, std::string interfaceName) {
     return result;
 }
 
-std::size_t SocketUtil::MaxFilterPorts(std::size_t addressCount) {
-    const std::size_t fixed = 2 * addressCount + 10;  // the address tests and the header checks
+std::size_t SocketUtil::MaxFilterPorts(std::size_t addressCount, bool reportableSourcesOnly) {
+    // The address tests, the header checks and the source ranges' tests.
+    const std::size_t fixed = 2 * addressCount + 10 + (reportableSourcesOnly ? kSourceRangeTestLength : 0);
     return fixed >= kMaxJumpOffset ? 0 : kMaxJumpOffset - fixed;
 }
 
-bool SocketUtil::LoadPortBpfRules(int fd, std::vector<long> ports) {
+bool SocketUtil::LoadPortBpfRules(int fd, std::vector<long> ports, bool reportableSourcesOnly) {
     std::vector<unsigned int> addresses;
     if (!IPUtil::GetLocalhostIp(addresses)) {
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[SocketUtil] Can not get local ip list.");
@@ -138,7 +144,8 @@ bool SocketUtil::LoadPortBpfRules(int fd, std::vector<long> ports) {
     const size_t p = ports.size();
     // Past this bound the longest jumps would wrap and the program would admit or drop the wrong
     // frames, so no program is attached at all.
-    if (p > MaxFilterPorts(n) || 2 * n + 10 > kMaxJumpOffset) {
+    const size_t s = reportableSourcesOnly ? kSourceRangeTestLength : 0;
+    if (p > MaxFilterPorts(n, reportableSourcesOnly) || 2 * n + 10 + s > kMaxJumpOffset) {
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR,
                      "[SocketUtil] Too many ports or addresses for the filter (ports %z, addresses %z)", p,
                      n);
@@ -146,26 +153,39 @@ bool SocketUtil::LoadPortBpfRules(int fd, std::vector<long> ports) {
     }
 
     std::vector<sock_filter> program;
-    program.reserve(2 * n + p + 13);
+    // `s` is 0 without the source-range tests: every offset is then the one the layout has always had.
+    program.reserve(2 * n + p + 13 + s);
     program.push_back(Statement(BPF_LD | BPF_H | BPF_ABS, 12));
-    program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_IP, 0, p + 2 * n + 10));
+    program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_IP, 0, p + 2 * n + 10 + s));
     program.push_back(Statement(BPF_LD | BPF_B | BPF_ABS, 23));
     program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_TCP, 1, 0));
-    program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_UDP, 0, p + 2 * n + 7));
+    program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_UDP, 0, p + 2 * n + 7 + s));
     program.push_back(Statement(BPF_LD | BPF_H | BPF_ABS, 20));
-    program.push_back(Jump(BPF_JMP | BPF_JSET | BPF_K, 0x1fff, p + 2 * n + 5, 0));
+    program.push_back(Jump(BPF_JMP | BPF_JSET | BPF_K, 0x1fff, p + 2 * n + 5 + s, 0));
     program.push_back(Statement(BPF_LDX | BPF_B | BPF_MSH, 14));
 
     // Destination must be local: a hit jumps past the remaining tests to the source load.
     program.push_back(Statement(BPF_LD | BPF_W | BPF_ABS, 30));
     for (size_t i = 0; i < n; ++i) {
-        size_t jumpFalse = (i + 1 == n) ? n + p + 3 : 0;
+        size_t jumpFalse = (i + 1 == n) ? n + p + 3 + s : 0;
         program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, addresses[i], n - 1 - i, jumpFalse));
     }
     // Source must not be local: a hit drops.
     program.push_back(Statement(BPF_LD | BPF_W | BPF_ABS, 26));
     for (size_t i = 0; i < n; ++i) {
-        program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, addresses[i], n + p + 1 - i, 0));
+        program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, addresses[i], n + p + 1 - i + s, 0));
+    }
+    if (reportableSourcesOnly) {
+        // The source (still in A) must be in a range the module reports: a hit jumps to the port load.
+        for (size_t r = 0; r < std::size(kReportableRanges); ++r) {
+            if (r > 0) {
+                program.push_back(Statement(BPF_LD | BPF_W | BPF_ABS, 26));
+            }
+            program.push_back(Statement(BPF_ALU | BPF_AND | BPF_K, kReportableRanges[r][1]));
+            const bool last = r + 1 == std::size(kReportableRanges);
+            program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, kReportableRanges[r][0], last ? 0 : 3 * (2 - r),
+                                   last ? p + 2 : 0));
+        }
     }
     // Destination port must be watched: a hit jumps to the accept.
     program.push_back(Statement(BPF_LD | BPF_H | BPF_IND, 16));
@@ -602,6 +622,8 @@ constexpr unsigned long kMinUdpFrame6 = kIp6TransportOffset + 8;
 constexpr unsigned long kMinTcpFrame6 = kIp6TransportOffset + 20;
 // Instructions of one address test: four word loads and compares, and the action on a match.
 constexpr size_t kAddressTestLength = 9;
+// "reportable_sources_only": instructions of the IPv6 source-range tests.
+constexpr size_t kSourceRangeTestLength6 = 7;
 
 // Word `index` (0..3) of `address` as a BPF word load sees it in the frame.
 uint32_t AddressWord(const in6_addr& address, size_t index) {
@@ -629,13 +651,14 @@ void SocketUtil::CreateRawSocket6(int& fd) {
 }
 
 bool SocketUtil::BuildPort6BpfProgram(const std::vector<in6_addr>& addresses, const std::vector<long>& ports,
-                                      std::vector<sock_filter>& program) {
+                                      std::vector<sock_filter>& program, bool reportableSourcesOnly) {
     program.clear();
     const size_t n = addresses.size();
     const size_t p = ports.size();
     // The port tests jump to the shared accept, the only offsets that grow with a list; the address
     // tests jump only within their own nine instructions or with the 32-bit constant of BPF_JA.
-    const size_t length = 18 * n + p + (p == 0 ? 10 : 11);
+    const size_t length =
+        18 * n + p + (p == 0 ? 10 : 11) + (reportableSourcesOnly ? kSourceRangeTestLength6 : 0);
     if ((p > 0 && p - 1 > kMaxJumpOffset) || length > BPF_MAXINSNS) {
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR,
                      "[SocketUtil] Too many ports or addresses for the IPv6 filter (ports %z, addresses %z)",
@@ -670,6 +693,17 @@ bool SocketUtil::BuildPort6BpfProgram(const std::vector<in6_addr>& addresses, co
     for (const in6_addr& address : addresses) {
         AppendAddressTest(program, kIp6SourceOffset, address, drop);
     }
+    if (reportableSourcesOnly) {
+        // The source must be unique-local (fc00::/7) or link-local (fe80::/10): a hit jumps to the
+        // port load, anything else drops.
+        program.push_back(Statement(BPF_LD | BPF_B | BPF_ABS, kIp6SourceOffset));
+        program.push_back(Statement(BPF_ALU | BPF_AND | BPF_K, 0xfe));
+        program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, 0xfc, 4, 0));
+        program.push_back(Statement(BPF_LD | BPF_H | BPF_ABS, kIp6SourceOffset));
+        program.push_back(Statement(BPF_ALU | BPF_AND | BPF_K, 0xffc0));
+        program.push_back(Jump(BPF_JMP | BPF_JEQ | BPF_K, 0xfe80, 1, 0));
+        program.push_back(drop);
+    }
     // Destination port must be watched: a hit jumps to the accept.
     program.push_back(Statement(BPF_LD | BPF_H | BPF_ABS, kIp6TransportOffset + 2));
     for (size_t j = 0; j < p; ++j) {
@@ -683,14 +717,14 @@ bool SocketUtil::BuildPort6BpfProgram(const std::vector<in6_addr>& addresses, co
     return true;
 }
 
-bool SocketUtil::LoadPort6BpfRules(int fd, std::vector<long> ports) {
+bool SocketUtil::LoadPort6BpfRules(int fd, std::vector<long> ports, bool reportableSourcesOnly) {
     std::vector<in6_addr> addresses;
     if (!IPUtil::GetLocalhostIp6(addresses)) {
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[SocketUtil] Can not get local ip6 list.");
         return false;
     }
     std::vector<sock_filter> program;
-    if (!BuildPort6BpfProgram(addresses, ports, program)) {
+    if (!BuildPort6BpfProgram(addresses, ports, program, reportableSourcesOnly)) {
         return false;
     }
     sock_fprog filter;

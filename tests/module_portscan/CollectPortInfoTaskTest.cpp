@@ -675,4 +675,79 @@ TEST_F(CollectTaskTest, OccupancyQueriesAskTheRightFamilies) {
     }
 }
 
+// With the switches against blinding, decoys and alarm floods: a white-listed or public source
+// counts toward no limit; each private source of a port gets its own alarm, once in a run; each
+// source gets one summary once it has been quiet for "summary_quiet_s".
+TEST_F(CollectTaskTest, SourcesCountAlarmAndSummariseOnTheirOwn) {
+    UsePolicy(R"([{"port":2301,"type":0}])",
+              R"(,"check_port_before_alarm":true,"alarm_max_num":0,"package_max_num":10,
+                "port_package_max_num":5,"white_ip_list":"192.168.1.9","reportable_sources_only":true,
+                "alarm_per_source":true,"scan_summary":true,"summary_quiet_s":1)");
+    Peer().PortSet() = {PortInfoNode(2301, 0)};
+    FakeCapture capture(Peer());
+    int errCount = 0, pktCount = 0;
+    auto deliver = [&](const char* remote, int count) {
+        capture.Send(Frame(2301, false, remote), count);
+        for (int i = 0; i < count; ++i) {
+            m_task.HandleSocketBuffer(Peer().SockFd(), pktCount, errCount);
+        }
+    };
+    deliver("192.168.1.9", 30);  // white-listed, and public: past every limit, yet nothing counts
+    deliver("203.0.113.5", 30);
+    EXPECT_EQ(0, pktCount);
+    EXPECT_TRUE(Peer().BanPortMap().empty());
+    EXPECT_TRUE(Peer().Running());
+    for (const char* remote : {"192.168.1.7", "192.168.1.8", "192.168.1.7", "192.168.1.7"}) {
+        deliver(remote, 1);
+    }
+    EXPECT_EQ(4, pktCount);
+    m_task.SendPortAlarm();
+    m_task.SendPortAlarm();
+    const std::vector<Json::Value> alarms = Documents();
+    ASSERT_EQ(2u, alarms.size());
+    EXPECT_EQ("192.168.1.7", alarms[0]["network_info"]["remote_address"].asString());
+    EXPECT_EQ(3, alarms[0]["event_count"].asInt());
+    EXPECT_EQ("192.168.1.8", alarms[1]["network_info"]["remote_address"].asString());
+    EXPECT_EQ(1, alarms[1]["event_count"].asInt());
+
+    m_task.SendScanSummaries(false);  // both probed a moment ago
+    EXPECT_EQ(2u, m_report->received.size());
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    m_task.SendScanSummaries(false);
+    const std::vector<Json::Value> documents = Documents();
+    ASSERT_EQ(4u, documents.size());
+    std::map<std::string, Json::Value> summaries;
+    for (size_t i = 2; i < 4; ++i) {
+        EXPECT_EQ("portscan_0003", documents[i]["event_classid"].asString());
+        summaries[documents[i]["network_info"]["remote_address"].asString()] = documents[i]["scan_summary"];
+    }
+    EXPECT_EQ(3, summaries["192.168.1.7"]["probe_count"].asInt());
+    EXPECT_EQ(1, summaries["192.168.1.8"]["probe_count"].asInt());
+    EXPECT_EQ(Parse(R"({"a":[2301]})")["a"], summaries["192.168.1.7"]["ports"]);
+    EXPECT_EQ(Parse(R"({"a":["SYN"]})")["a"], summaries["192.168.1.7"]["probe_kinds"]);
+}
+
+// A summary lists at most the bound of ports, in order, and counts them all.
+TEST(ScanSummaryDocument, ListsBoundedPortsAndCountsAll) {
+    ScanSummary summary;
+    summary.localAddress = "10.0.0.1";
+    for (unsigned port = 1000; port < 1150; ++port) {
+        summary.ports.insert(port);
+    }
+    summary.protocols = {"UDP", "TCP"};
+    summary.kinds = {"UDP", "SYN", "NONE"};
+    summary.probes = 151;
+    summary.firstMs = 1700000000123;
+    summary.lastMs = 1700000009456;
+    const Json::Value document = BuildScanSummaryDocument("192.168.1.7", summary, 100);
+    EXPECT_EQ(100u, document["scan_summary"]["ports"].size());
+    EXPECT_EQ(1000u, document["scan_summary"]["ports"][0].asUInt());
+    EXPECT_EQ(1099u, document["scan_summary"]["ports"][99].asUInt());
+    EXPECT_EQ(150u, document["scan_summary"]["port_count"].asUInt());
+    EXPECT_EQ("TCP,UDP", document["network_info"]["protocol"].asString());
+    EXPECT_EQ(1700000009, document["occur_time"].asInt64());
+    EXPECT_EQ(151u, document["event_count"].asUInt());
+    EXPECT_EQ("NONE", document["scan_summary"]["probe_kinds"][0].asString());
+}
+
 }  // namespace

@@ -82,14 +82,14 @@ protected:
     }
 
     // A capture socket of the family (IPv6 when `ipv6`) whose filter watches `ports`.
-    int Capture(const std::vector<long>& ports, bool ipv6 = false) {
+    int Capture(const std::vector<long>& ports, bool ipv6 = false, bool reportableOnly = false) {
         int fd = -1;
         RunIn(*m_cap, [&] {
             ipv6 ? SocketUtil::CreateRawSocket6(fd) : SocketUtil::CreateRawSocket(fd);
             ASSERT_NE(-1, fd);
             ASSERT_TRUE(ipv6 || SocketUtil::BindPort(fd, "vcap") == 0);
-            ASSERT_TRUE(ipv6 ? SocketUtil::LoadPort6BpfRules(fd, ports)
-                             : SocketUtil::LoadPortBpfRules(fd, ports));
+            ASSERT_TRUE(ipv6 ? SocketUtil::LoadPort6BpfRules(fd, ports, reportableOnly)
+                             : SocketUtil::LoadPortBpfRules(fd, ports, reportableOnly));
             SocketUtil::ClearSocketBuff(fd);
         });
         m_fds.push_back(fd);
@@ -226,6 +226,45 @@ TEST_F(PortScanNetns, FiltersAdmitExactlyForeignProbesOfWatchedPorts) {
         EXPECT_EQ(!v6 && probes[i].any, admitted[1].count(i) == 1) << probes[i].what << " (no port list)";
         EXPECT_EQ(v6 && probes[i].watched, admitted[2].count(i) == 1) << probes[i].what << " (ipv6)";
     }
+}
+
+// "reportable_sources_only": the kernel admits a probe only from the private ranges the module
+// reports, and nothing from their neighbours.
+TEST_F(PortScanNetns, ReportableSourcesOnlyAdmitsExactlyThePrivateRanges) {
+    const int capture = Capture({4001}, false, true), capture6 = Capture({4001}, true, true);
+    const struct {
+        const char* src;
+        bool reported;
+    } sources[] = {
+        {"9.255.255.255", false}, {"10.0.0.0", true},        {"10.255.255.255", true},
+        {"11.0.0.0", false},      {"172.15.255.255", false}, {"172.16.0.0", true},
+        {"172.31.255.255", true}, {"172.32.0.0", false},     {"192.167.255.255", false},
+        {"192.168.0.0", true},    {"192.168.255.255", true}, {"192.169.0.0", false},
+        {"198.51.100.7", false},  {"fbff:ffff::1", false},   {"fc00::1", true},
+        {"fdff:ffff::1", true},   {"fe7f:ffff::1", false},   {"fe80::5", true},
+        {"febf:ffff::1", true},   {"fec0::1", false},        {"2001:db8::7", false},
+    };
+    std::vector<std::vector<unsigned char>> frames;
+    for (size_t i = 0; i < std::size(sources); ++i) {
+        const bool v6 = strchr(sources[i].src, ':') != nullptr;
+        frames.push_back(
+            Probe{"", sources[i].src, v6 ? "fd00:231::1" : "10.231.0.1", IPPROTO_TCP, 4001, 0, true, true}
+                .Frame(i));
+    }
+    SendFromPeer(frames);
+    const std::set<size_t> admitted = Admitted(capture, 60, 34), admitted6 = Admitted(capture6, 74, 54);
+    for (size_t i = 0; i < std::size(sources); ++i) {
+        const bool v6 = strchr(sources[i].src, ':') != nullptr;
+        EXPECT_EQ(sources[i].reported, (v6 ? admitted6 : admitted).count(i) == 1) << sources[i].src;
+    }
+    // Eight more instructions on the longest jump: the bound on ports shrinks by as many.
+    EXPECT_EQ(SocketUtil::MaxFilterPorts(3), SocketUtil::MaxFilterPorts(3, true) + 8);
+    bool attached = true;
+    RunIn(*m_cap, [&] {
+        attached = SocketUtil::LoadPortBpfRules(
+            capture, std::vector<long>(SocketUtil::MaxFilterPorts(1, true) + 1, 5000), true);
+    });
+    EXPECT_FALSE(attached);
 }
 
 TEST_F(PortScanNetns, SocketDiagnosticsAndRouteDump) {

@@ -1,0 +1,158 @@
+// Scanners that know they are watched, against the agent with the shipped policy (its switches
+// against spoofed floods, decoys and alarm floods on): hping3 and nmap from a scanner namespace and a
+// second scanner's namespace, private addresses only, no default route. Spoofed public frames freeze
+// nothing and stop nothing, decoys do not hide the real scanner, each scan of one source ends in one
+// summary, and the shipped UDP ports alarm.
+
+#include "ScanLab.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <set>
+#include <thread>
+
+using namespace TestSupport;
+using namespace ScanLab;
+
+namespace {
+
+const char* const kMonitored = "10.82.1.1";
+const char* const kScanner = "10.82.1.2";
+const char* const kSecondMonitored = "10.82.2.1";
+const char* const kSecondScanner = "10.82.2.2";
+const char* const kSpoofedPublic = "198.51.100.7";
+const char* const kDecoys = "10.82.1.50,10.82.1.51";
+const int kSourcePort = 42201;
+
+// The shipped policy's documents of class `classId` (all classes when empty) from `remote`.
+std::vector<Json::Value> Documents(const std::vector<Json::Value>& all, const std::string& classId,
+                                   const std::string& remote) {
+    std::vector<Json::Value> chosen;
+    for (const Json::Value& document : all) {
+        if ((classId.empty() || document["event_classid"] == classId) &&
+            document["network_info"]["remote_address"] == remote) {
+            chosen.push_back(document);
+        }
+    }
+    return chosen;
+}
+
+std::set<unsigned> PortsOf(const std::vector<Json::Value>& alarms) {
+    std::set<unsigned> ports;
+    for (const Json::Value& alarm : alarms) {
+        ports.insert(AlarmPort(alarm));
+    }
+    return ports;
+}
+
+class PortScanAdversaryE2E : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (const std::string why = MissingPrerequisite({"ip", "ss", "nmap", "hping3"}); !why.empty()) {
+            GTEST_SKIP() << why;
+        }
+        m_lab = std::make_unique<Lab>("e2a", kMonitored, kScanner);
+        m_lab->AddNeighbour("second", kSecondMonitored, kSecondScanner);
+        Json::Value policy;
+        ASSERT_TRUE(ParseJson(ReadFile(SHIPPED_POLICY), policy));
+        m_task = policy["content"]["port_scan_task"];
+        ASSERT_NO_FATAL_FAILURE(m_lab->StartAgent(ReadFile(SHIPPED_POLICY)));
+    }
+
+    // `count` SYNs from the spoofed public source to `port`, `interval` apart.
+    void SpoofedSyns(unsigned port, int count, const std::string& interval) {
+        // Nobody answers a spoofed source: hping3's exit code says nothing, the agent's log does.
+        TestSupport::Run({"hping3", "-q", "-S", "-a", kSpoofedPublic, "-c", std::to_string(count), "-i",
+                          interval, "-p", std::to_string(port), kMonitored},
+                         m_lab->scanner.Name(), Seconds(30));
+    }
+
+    // The documents once the file holds `count` of class `classId` from `remote`.
+    std::vector<Json::Value> WaitFor(size_t count, const std::string& classId, const std::string& remote,
+                                     Seconds limit = Seconds(10)) {
+        std::vector<Json::Value> chosen;
+        WaitUntil(
+            [&] {
+                chosen = Documents(ReadAlarms(m_lab->AlarmFile()), classId, remote);
+                return chosen.size() >= count;
+            },
+            limit);
+        return chosen;
+    }
+
+    std::unique_ptr<Lab> m_lab;
+    Json::Value m_task;
+};
+
+TEST_F(PortScanAdversaryE2E, SpoofedFramesDecoysAndRepeatsDoNotHideTheScanner) {
+    // (a) 25 spoofed public SYNs to each of three ports, more than a port's packet limit: no freeze.
+    for (unsigned port : {21u, 23u, 25u}) {
+        SpoofedSyns(port, 25, "u2000");
+    }
+    m_lab->Nmap({"-sS"}, "21,23,25", kSourcePort, kMonitored);
+    EXPECT_EQ(PortsOf(WaitFor(3, "portscan_0002", kScanner)), (std::set<unsigned>{21, 23, 25}));
+
+    // (b) A 3 s spoofed flood (10,000 a second) to one port, then a scan of it and four more: five
+    // alarms, and the task never stopped.
+    SpoofedSyns(110, 30000, "u100");
+    m_lab->Nmap({"-sS"}, "110,135,139,445,1433", kSourcePort, kMonitored);
+    EXPECT_EQ(PortsOf(WaitFor(8, "portscan_0002", kScanner)),
+              (std::set<unsigned>{21, 23, 25, 110, 135, 139, 445, 1433}));
+    const std::string log = ReadFile(m_lab->Log());
+    EXPECT_EQ(log.find("stopped by itself"), std::string::npos);
+    EXPECT_EQ(log.find("Freeze port"), std::string::npos);
+
+    // (c) Two decoys beside the real scanner: the scanner is named for every port.
+    m_lab->Nmap({"-sS", "-D", std::string(kDecoys) + ",ME"}, "1521,3306,3389", kSourcePort, kMonitored);
+    EXPECT_EQ(PortsOf(WaitFor(11, "portscan_0002", kScanner)).count(3306), 1u);
+    const std::set<unsigned> named =
+        PortsOf(Documents(ReadAlarms(m_lab->AlarmFile()), "portscan_0002", kScanner));
+    for (unsigned port : {1521u, 3306u, 3389u}) {
+        EXPECT_EQ(named.count(port), 1u) << port;
+    }
+
+    // (d) One scan of ten ports from a second scanner: one summary of the ten within the quiet time
+    // and two seconds of its end; the same scan again: a second summary, although every port alarmed.
+    const std::string tenPorts = "21,23,25,110,135,139,445,1433,1521,3306";
+    const auto quiet = Seconds(m_task.get("summary_quiet_s", 5).asInt());
+    for (size_t round = 1; round <= 2; ++round) {
+        m_lab->Scan({"nmap", "-sS", "-Pn", "-n", "-p", tenPorts, "-g", std::to_string(kSourcePort),
+                     "--max-retries", "1", "--host-timeout", "30s", kSecondMonitored},
+                    m_lab->Namespace("second"));
+        const auto ended = std::chrono::steady_clock::now();
+        const std::vector<Json::Value> summaries =
+            WaitFor(round, "portscan_0003", kSecondScanner, quiet + Seconds(4));
+        ASSERT_EQ(summaries.size(), round);
+        EXPECT_LE(std::chrono::steady_clock::now() - ended, quiet + Seconds(2))
+            << "summary " << round << " late";
+        const Json::Value& scan = summaries.back()["scan_summary"];
+        EXPECT_EQ(scan["port_count"].asUInt(), 10u);
+        std::set<unsigned> ports;
+        for (const Json::Value& port : scan["ports"]) {
+            ports.insert(port.asUInt());
+        }
+        EXPECT_EQ(ports, (std::set<unsigned>{21, 23, 25, 110, 135, 139, 445, 1433, 1521, 3306}));
+        ASSERT_EQ(scan["probe_kinds"].size(), 1u);
+        EXPECT_EQ(scan["probe_kinds"][0].asString(), "SYN");
+        EXPECT_EQ(summaries.back()["network_info"]["local_address"].asString(), kSecondMonitored);
+    }
+
+    // (e) A UDP scan of the shipped UDP ports: each alarms.
+    std::set<unsigned> udpPorts;
+    std::string udpList;
+    for (const Json::Value& entry : m_task["monitor_list"]) {
+        if (entry["type"].asInt() == 1) {
+            udpPorts.insert(entry["port"].asUInt());
+            udpList += (udpList.empty() ? "" : ",") + std::to_string(entry["port"].asUInt());
+        }
+    }
+    ASSERT_GE(udpPorts.size(), 8u);
+    m_lab->Nmap({"-sU"}, udpList, kSourcePort, kMonitored);
+    EXPECT_EQ(PortsOf(WaitFor(udpPorts.size(), "portscan_0001", kScanner)), udpPorts);
+    m_lab->StopAgent();
+}
+
+}  // namespace
