@@ -80,6 +80,13 @@ void JudgeParsedTask(const Engine::PortScanTaskPolicy& task, const Json::Value& 
             task.IsChkBeforAlarm() == JsonUtils::GetBoolValue(root, "check_port_before_alarm", false) &&
             task.IsPortScanEnable() == JsonUtils::GetBoolValue(root, "enable", true),
         "switches");
+    for (const char* key : {"reportable_sources_only", "alarm_per_source", "scan_summary", "ipv6"}) {
+        FUZZ_CHECK(task.IsSwitchOn(key) == JsonUtils::GetBoolValue(root, key, false), key);
+    }
+    const Json::Value& quiet = root["summary_quiet_s"];
+    FUZZ_CHECK(task.GetSummaryQuietSeconds() == (root.isMember("summary_quiet_s") ? quiet.asInt() : 5) &&
+                   task.GetSummaryQuietSeconds() >= 1 && task.GetSummaryQuietSeconds() <= 600,
+               "summary_quiet_s");
     const std::string white = JsonUtils::GetStringValue(root, "white_ip_list", "");
     std::vector<Engine::IP_RANGE> ranges;
     if (!white.empty()) {
