@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <ctime>
 #include <deque>
 #include <memory>
 #include <string>
@@ -72,6 +73,11 @@ std::unique_ptr<AlarmSink> MakeLineSink(const std::string& path);
 // RFC 5424 messages to the local syslog socket, a UDP collector or a TCP collector (RFC 6587
 // octet counting, with spool: see SyslogSpool.h). Never waits for the network.
 std::unique_ptr<AlarmSink> MakeSyslogSink(const ReportSink& config);
+
+// The header of a message to the local syslog socket, as the local daemon expects it:
+// "<PRI>Mmm dd hh:mm:ss TAG[PID]: " with the local time of `when` (the BSD syslog form of RFC 3164).
+std::string LocalSyslogHeader(const std::string& pri, const std::string& tag, const std::string& pid,
+                              std::time_t when);
 
 // Creates the folder `path` would be in. False with `error` filled when that fails.
 bool CreateParentFolder(const std::string& path, std::string& error);

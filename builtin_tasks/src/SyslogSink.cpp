@@ -175,8 +175,12 @@ public:
     }
 
     void Write(const AlarmLine& alarm) override {
-        std::string message = std::string(kPri) + "1 " + Timestamp() + " " + m_hostName + " " + kAppName +
-                              " " + m_pid + " " + HeaderField(alarm.classId, 32) + " - " + alarm.line;
+        // The local daemon (journald, rsyslog's socket input) reads the local form; collectors RFC 5424.
+        std::string message = m_config.transport == ReportSink::Transport::Local
+                                  ? LocalSyslogHeader(kPri, kAppName, m_pid, std::time(nullptr)) + alarm.line
+                                  : std::string(kPri) + "1 " + Timestamp() + " " + m_hostName + " " +
+                                        kAppName + " " + m_pid + " " + HeaderField(alarm.classId, 32) +
+                                        " - " + alarm.line;
         if (IsTcp()) {
             // RFC 6587 octet counting: "<length> <message>".
             message = std::to_string(message.size()) + " " + message;
@@ -522,6 +526,19 @@ private:
 };
 
 }  // namespace
+
+std::string LocalSyslogHeader(const std::string& pri, const std::string& tag, const std::string& pid,
+                              std::time_t when) {
+    static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    tm local{};
+    localtime_r(&when, &local);
+    char text[64];
+    // The day of the month is padded with a space, not a zero ("Nov  3").
+    std::snprintf(text, sizeof(text), "%s %2d %02d:%02d:%02d ", kMonths[local.tm_mon], local.tm_mday,
+                  local.tm_hour, local.tm_min, local.tm_sec);
+    return pri + text + tag + "[" + pid + "]: ";
+}
 
 std::unique_ptr<AlarmSink> MakeSyslogSink(const ReportSink& config) {
     return std::make_unique<SyslogSink>(config);

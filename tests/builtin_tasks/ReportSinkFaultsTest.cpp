@@ -1,5 +1,6 @@
 // The report task's sinks under faults: a TCP collector that is down (spool, restart, bound), an
 // alarm file whose folder disappears, and a full disk.
+#include "AlarmSinks.h"
 #include "builtin_tasks/DataCommReportTask.h"
 #include "framework/Message.h"
 #include "sdk/JsonUtils.h"
@@ -118,14 +119,16 @@ private:
     std::string m_buffer;
 };
 
-// The seq of an RFC 5424 message whose header is what the agent promises and whose MSG is the
-// alarm document; -1 when anything differs.
-int SeqOf(const std::string& message) {
+// The seq of a message whose header is what the agent promises (RFC 5424 to a collector, the local
+// form to the local socket) and whose MSG is the alarm document; -1 when anything differs.
+int SeqOf(const std::string& message, bool local = false) {
     static const std::regex header(
         R"(<28>1 \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z \S+ hostagent (\d+) portscan_0002 - (.*))");
+    static const std::regex localHeader(
+        R"(<28>[A-Z][a-z]{2} [ 123]\d \d\d:\d\d:\d\d hostagent\[(\d+)\]: (.*))");
     std::smatch match;
     Json::Value alarm;
-    if (!std::regex_match(message, match, header) || std::stoi(match[1]) != getpid() ||
+    if (!std::regex_match(message, match, local ? localHeader : header) || std::stoi(match[1]) != getpid() ||
         SDK::JsonUtils::ParseJsonStr(match[2].str().c_str(), match[2].length(), alarm) != 0 ||
         match[2].str() != SDK::JsonUtils::JsonToString(alarm)) {
         ADD_FAILURE() << "unexpected message: " << message;
@@ -233,9 +236,19 @@ TEST(ReportSinkFaultsTest, LocalSyslogSocketSurvivesADaemonRestart) {
     ASSERT_TRUE(TestEngine().UnRegisterTask(DataCommReportTask::kTaskName));
     ASSERT_EQ(first.size(), 1u);
     ASSERT_EQ(second.size(), 2u);
-    EXPECT_EQ(SeqOf(first[0]), 0);
-    EXPECT_EQ(SeqOf(second[0]), 1);
-    EXPECT_EQ(SeqOf(second[1]), 2);
+    EXPECT_EQ(SeqOf(first[0], true), 0);
+    EXPECT_EQ(SeqOf(second[0], true), 1);
+    EXPECT_EQ(SeqOf(second[1], true), 2);
+}
+
+TEST(ReportSinkFaultsTest, LocalSyslogHeaderIsTheLocalDaemonsForm) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    // 2026-11-03 04:05:06 UTC: a one-digit day is padded with a space.
+    EXPECT_EQ(Engine::LocalSyslogHeader("<28>", "hostagent", "77", 1793678706),
+              "<28>Nov  3 04:05:06 hostagent[77]: ");
+    EXPECT_EQ(Engine::LocalSyslogHeader("<28>", "hostagent", "77", 1795422000),
+              "<28>Nov 23 08:20:00 hostagent[77]: ");
 }
 
 // A tmpfs of its own, unmounted (lazily) at the end.
