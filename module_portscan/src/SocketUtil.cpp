@@ -504,6 +504,12 @@ namespace {
 // Batches read for one dual-stack query: a port held by more sockets than fit is a port in use.
 constexpr int kMaxDualStackBatches = 64;
 
+// NLMSG_OK without its comparison of a signed with an unsigned length.
+bool MessageFits(const nlmsghdr* header, int left) {
+    return left >= static_cast<int>(sizeof(nlmsghdr)) && header->nlmsg_len >= sizeof(nlmsghdr) &&
+           header->nlmsg_len <= static_cast<unsigned>(left);
+}
+
 bool TakesIpv4(const inet_diag_msg& record, int length) {
     const auto* address = reinterpret_cast<const in6_addr*>(record.id.idiag_src);
     if (!IN6_IS_ADDR_UNSPECIFIED(address) && !IN6_IS_ADDR_V4MAPPED(address)) {
@@ -523,7 +529,7 @@ bool TakesIpv4(const inet_diag_msg& record, int length) {
 
 int SocketUtil::ScanDualStackReply(const char* data, std::size_t length, bool& found) {
     int left = static_cast<int>(length);
-    for (const auto* header = reinterpret_cast<const nlmsghdr*>(data); NLMSG_OK(header, left);
+    for (const auto* header = reinterpret_cast<const nlmsghdr*>(data); MessageFits(header, left);
          header = NLMSG_NEXT(header, left)) {
         if (header->nlmsg_type == NLMSG_DONE) {
             return 0;
@@ -596,7 +602,7 @@ bool SocketUtil::TakeAddressChanges(int fd) {
             return changed;
         }
         int left = static_cast<int>(count);
-        for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(header, left);
+        for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer); MessageFits(header, left);
              header = NLMSG_NEXT(header, left)) {
             changed = changed || header->nlmsg_type == RTM_NEWADDR || header->nlmsg_type == RTM_DELADDR;
         }
