@@ -7,7 +7,7 @@ packages=(
   # build
   build-essential cmake pkg-config clang-format
   # libraries the runtime and the module link
-  libpoco-dev libjsoncpp-dev libboost-dev libsafec-dev
+  libpoco-dev libjsoncpp-dev libboost-dev libsafec-dev libsystemd-dev
   # tests and benchmarks
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   # end-to-end tests: namespaces, scanners, socket inspection

@@ -113,6 +113,7 @@ int AgentRuntime::Run() {
     m_feed->Poll();
     HandleTaskEvents();
     WriteStatus();
+    m_notifier.Ready(StatusLine());
     SDK_ROOT_LOG(Poco::Message::PRIO_INFORMATION,
                  "[Agent] hostagent running: %z module(s), %z policy file(s)", m_modules.GetRunningCount(),
                  m_config.policies.size());
@@ -182,6 +183,9 @@ bool AgentRuntime::StartModules() {
 void AgentRuntime::ServeUntilStopped() {
     auto nextStatus = Clock::now() + Millis(kStatusIntervalMs);
     auto nextReclaim = Clock::time_point::max();
+    // Pinged at half the manager's interval, so one late wake-up does not cost the agent its life.
+    const Millis pingEvery = m_notifier.WatchdogInterval() / 2;
+    auto nextPing = pingEvery.count() > 0 ? Clock::now() : Clock::time_point::max();
     for (;;) {
         if (m_engine.GetRetiredPolicyCount() == 0) {
             nextReclaim = Clock::time_point::max();
@@ -189,7 +193,7 @@ void AgentRuntime::ServeUntilStopped() {
             nextReclaim = Clock::now() + Millis(kReclaimIntervalMs);
         }
         const Clock::time_point wake =
-            std::min({nextStatus, nextReclaim, m_supervisor.NextDeadline(), m_feed->NextPollDue(),
+            std::min({nextStatus, nextReclaim, nextPing, m_supervisor.NextDeadline(), m_feed->NextPollDue(),
                       SDK::LoggerUtils::GetInstance()->NextSummaryDue()});
         pollfd waits[] = {
             {m_signalFd, POLLIN, 0}, {m_feed->GetChangeFd(), POLLIN, 0}, {m_taskEventFd, POLLIN, 0}};
@@ -227,6 +231,10 @@ void AgentRuntime::ServeUntilStopped() {
         if (m_statusDue || Clock::now() >= nextStatus) {
             WriteStatus();
             nextStatus = Clock::now() + Millis(kStatusIntervalMs);
+        }
+        if (Clock::now() >= nextPing) {
+            FeedWatchdog();
+            nextPing = Clock::now() + pingEvery;
         }
     }
 }
@@ -342,8 +350,36 @@ void AgentRuntime::RenewDueTasks() {
     }
 }
 
+std::string AgentRuntime::StatusLine() const {
+    std::size_t running = 0;
+    for (const auto& entry : m_supervisor.GetTasks()) {
+        running += Supervisor::StateName(entry.second.state) == std::string("running") ? 1 : 0;
+    }
+    const std::size_t reported = m_reportTask != nullptr ? m_reportTask->GetReportedCount() : 0;
+    return std::to_string(running) + " of " + std::to_string(m_supervisor.GetTasks().size()) +
+           " module task(s) running; " + std::to_string(reported) + " alarm(s) reported";
+}
+
+void AgentRuntime::FeedWatchdog() {
+    // The control loop is alive (it is here); the report thread must be too, or alarms pile up.
+    const bool responsive =
+        m_reportTask == nullptr || m_reportTask->IsResponsive(m_notifier.WatchdogInterval());
+    if (!responsive) {
+        if (!m_reportStuck) {
+            SDK_ROOT_LOG(Poco::Message::PRIO_ERROR,
+                         "[Agent] The report task has been writing one alarm for longer than the watchdog "
+                         "interval; no longer telling the service manager that the agent is alive");
+        }
+        m_reportStuck = true;
+        return;
+    }
+    m_reportStuck = false;
+    m_notifier.Ping();
+}
+
 void AgentRuntime::WriteStatus() {
     m_statusDue = false;
+    m_notifier.Status(StatusLine());
     Json::Value status(Json::objectValue);
     status["pid"] = static_cast<Json::Int>(getpid());
     status["version"] = HOSTAGENT_VERSION;
@@ -410,6 +446,7 @@ void AgentRuntime::ReopenFiles() {
 }
 
 void AgentRuntime::Shutdown() {
+    m_notifier.Stopping();
     if (m_feed) {
         m_feed->Stop();
     }

@@ -3,6 +3,7 @@
 #include "AgentConfig.h"
 #include "ModuleHost.h"
 #include "PolicyFeed.h"
+#include "ServiceNotifier.h"
 #include "Supervisor.h"
 #include "framework/Engine.h"
 
@@ -61,6 +62,10 @@ private:
     void RestartDueTasks();
     void RenewDueTasks();
     void WriteStatus();
+    // One line for the service manager: tasks and alarms.
+    std::string StatusLine() const;
+    // Pings the service manager's watchdog when the report path makes progress too.
+    void FeedWatchdog();
 
     struct Delivery {
         std::string path;
@@ -86,8 +91,10 @@ private:
     std::map<std::string, Delivery> m_deliveries;         // by feature key
     std::map<std::string, std::string> m_policyProblems;  // by feature key: why a file is not in force
     std::chrono::system_clock::time_point m_startedAt;
-    int m_signalFd = -1;     // readable when a control signal is pending
-    int m_taskEventFd = -1;  // eventfd: task events wait in m_events
+    ServiceNotifier m_notifier;  // readiness, status and watchdog pings for systemd
+    bool m_reportStuck = false;  // the last watchdog check found the report path stuck
+    int m_signalFd = -1;         // readable when a control signal is pending
+    int m_taskEventFd = -1;      // eventfd: task events wait in m_events
     bool m_statusDue = true;
     std::string m_statusProblem;  // last status write failure, logged once
 };

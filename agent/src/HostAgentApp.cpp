@@ -119,8 +119,9 @@ void HostAgentApp::defineOptions(Poco::Util::OptionSet& options) {
     options.addOption(Poco::Util::Option("status", "",
                                          "Print the running agent's status (of the config FILE, default " +
                                              std::string(kDefaultConfigFile) +
-                                             ") and exit 0 when every task runs, 1 when one does not, 3 "
-                                             "when no agent runs.")
+                                             ") and exit 0 when every task runs, 1 when one does not or "
+                                             "the agent does not respond, 3 when no agent runs, 4 when "
+                                             "the status file cannot be read.")
                           .required(false)
                           .repeatable(false));
     options.addOption(

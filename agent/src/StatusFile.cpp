@@ -1,8 +1,10 @@
 #include "StatusFile.h"
 
+#include "AgentTunables.h"
 #include "JsonText.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -58,6 +60,14 @@ bool WriteStatusFile(const std::string& path, const Json::Value& status, std::st
             return false;
         }
     }
+    // Readable by the group of its folder (the package's monitoring group), whatever the umask.
+    struct stat folder {};
+    const std::string::size_type slash = path.rfind('/');
+    const std::string parent = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+    if (stat(parent.c_str(), &folder) == 0 && getegid() != folder.st_gid) {
+        (void)!chown(temporary.c_str(), static_cast<uid_t>(-1), folder.st_gid);
+    }
+    chmod(temporary.c_str(), 0640);
     if (std::rename(temporary.c_str(), path.c_str()) != 0) {
         error = "cannot rename " + temporary + " to " + path + ": " + std::strerror(errno);
         std::remove(temporary.c_str());
@@ -66,18 +76,24 @@ bool WriteStatusFile(const std::string& path, const Json::Value& status, std::st
     return true;
 }
 
-int PrintStatus(const std::string& path, std::ostream& out, std::ostream& err) {
+int PrintStatus(const std::string& path, std::ostream& out, std::ostream& err,
+                std::chrono::system_clock::time_point now) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-        err << "hostagent: no agent is running (no status file " << path << ")\n";
-        return kStatusNoAgent;
+        if (errno == ENOENT) {
+            err << "hostagent: no agent is running (no status file " << path << ")\n";
+            return kStatusNoAgent;
+        }
+        err << "hostagent: cannot read status file " << path << ": " << std::strerror(errno)
+            << " (members of its folder's group may read it)\n";
+        return kStatusUnreadable;
     }
     const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     Json::Value status;
     std::string error;
     if (!ParseJsonText(text, false, status, error) || !status.isObject()) {
         err << "hostagent: status file " << path << " is unreadable (" << error << ")\n";
-        return kStatusNoAgent;
+        return kStatusUnreadable;
     }
     const pid_t pid = static_cast<pid_t>(status["pid"].asInt());
     if (!AgentAlive(pid)) {
@@ -87,7 +103,17 @@ int PrintStatus(const std::string& path, std::ostream& out, std::ostream& err) {
     }
     out << "hostagent " << status["version"].asString() << ", pid " << pid << ", started "
         << status["started"].asString() << ", status of " << status["updated"].asString() << "\n";
+    // A live agent rewrites the file at least every interval: twice that without a word is a hang.
     bool allRunning = true;
+    std::tm updated{};
+    const std::string updatedText = status["updated"].asString();
+    const char* end = strptime(updatedText.c_str(), "%Y-%m-%dT%H:%M:%SZ", &updated);
+    const auto age = now - std::chrono::system_clock::from_time_t(timegm(&updated));
+    if (end == nullptr || *end != '\0' || age > 2 * std::chrono::milliseconds(kStatusIntervalMs)) {
+        out << "NOT RESPONDING: the status was last written " << updatedText << ", more than "
+            << 2 * kStatusIntervalMs / 1000 << " s ago\n";
+        allRunning = false;
+    }
     out << "Tasks:\n";
     for (const Json::Value& task : status["tasks"]) {
         const std::string state = task["state"].asString();

@@ -24,10 +24,13 @@ std::string UtcText(std::chrono::system_clock::time_point when);
 bool WriteStatusFile(const std::string& path, const Json::Value& status, std::string& error);
 
 // Exit codes of `hostagent --status`.
-enum StatusExit { kStatusAllRunning = 0, kStatusTaskDown = 1, kStatusNoAgent = 3 };
+enum StatusExit { kStatusAllRunning = 0, kStatusTaskDown = 1, kStatusNoAgent = 3, kStatusUnreadable = 4 };
 
 // Reads the status file at `path`, prints it for a person to `out` (problems to `err`) and returns
-// the exit code: no file or a pid that no longer runs an agent gives kStatusNoAgent.
-int PrintStatus(const std::string& path, std::ostream& out, std::ostream& err);
+// the exit code: no file or a pid that no longer runs an agent gives kStatusNoAgent; a file that
+// cannot be read or parsed kStatusUnreadable; a task that does not run, or a file not rewritten for
+// twice its interval before `now` (a hung agent), kStatusTaskDown.
+int PrintStatus(const std::string& path, std::ostream& out, std::ostream& err,
+                std::chrono::system_clock::time_point now = std::chrono::system_clock::now());
 
 }  // namespace HostAgent

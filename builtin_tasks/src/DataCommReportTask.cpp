@@ -124,8 +124,10 @@ int DataCommReportTask::Run() {
     while (!isCancelled()) {
         Framework::Message* msg = DequeueMsg(wait);
         if (msg != nullptr) {
+            m_handlingSince.store(std::chrono::steady_clock::now().time_since_epoch().count());
             HandleMsg(msg);
             delete msg;
+            m_handlingSince.store(0);
         }
         m_impl->ReopenIfRequested();
         wait = m_impl->RetryDue();
@@ -188,6 +190,15 @@ void DataCommReportTask::RequestReopen() {
 
 std::size_t DataCommReportTask::GetReportedCount() const {
     return m_impl->reported.load(std::memory_order_relaxed);
+}
+
+bool DataCommReportTask::IsResponsive(std::chrono::milliseconds limit) const {
+    const auto since = m_handlingSince.load();
+    if (since == 0) {
+        return true;
+    }
+    const auto began = std::chrono::steady_clock::time_point(std::chrono::steady_clock::duration(since));
+    return std::chrono::steady_clock::now() - began <= limit;
 }
 
 }  // namespace Engine

@@ -2,6 +2,8 @@
 
 #include "framework/Task.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -57,9 +59,15 @@ public:
     // Events handled so far.
     std::size_t GetReportedCount() const;
 
+    // False when the task has been handling one message (writing it to its sinks) for longer than
+    // `limit`: the report path is stuck. Waiting for messages is no fault.
+    bool IsResponsive(std::chrono::milliseconds limit) const;
+
 private:
     struct Impl;
     std::unique_ptr<Impl> m_impl;
+    // Steady-clock time a message's handling began; 0 while none is handled.
+    std::atomic<std::chrono::steady_clock::rep> m_handlingSince{0};
 };
 
 }  // namespace Engine
