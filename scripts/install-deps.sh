@@ -18,6 +18,8 @@ packages=(
   jq
   # make package and its test: the .deb, its lint, the unit check, rotation, a real syslog collector
   dpkg-dev fakeroot lintian systemd logrotate man-db rsyslog
+  # metrics read by a real node exporter; the service booted by a real systemd in a container
+  prometheus-node-exporter curl mmdebstrap systemd-container
 )
 
 missing=()

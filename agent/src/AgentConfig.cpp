@@ -324,6 +324,9 @@ bool ParseAgentConfig(const std::string& path, const std::string& text, AgentCon
         if (root.isMember("supervisor")) {
             ParseSupervisor(root["supervisor"], parsed);
         }
+        if (root.isMember("metrics_file")) {
+            parsed.metricsFile = resolve(NonEmptyString(root["metrics_file"], "metrics_file"));
+        }
         if (root.isMember("status_file")) {
             parsed.statusFile = resolve(NonEmptyString(root["status_file"], "status_file"));
         } else {

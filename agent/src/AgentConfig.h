@@ -44,6 +44,7 @@ struct AgentConfig {
     int restartDelaySeconds = 60;    // cool-down before a task that stopped by itself starts again
     long renewAfterSeconds = 86400;  // module tasks start afresh this often; 0: never
     std::string statusFile;
+    std::string metricsFile;  // "" when no metrics are written
 };
 
 // Every problem message has the form "<file>: <problem>", naming the offending key.

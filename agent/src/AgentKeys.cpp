@@ -50,6 +50,8 @@ std::vector<AgentKey> MakeKeys() {
          "a task that stopped by itself starts again after this (doubling on quick repeats)"},
         {"supervisor.renew_after_s", KeyKind::Integer, "86400", 0, 365L * 86400, kNoChoices, kAnySink,
          "each module task starts afresh this often (0: never)"},
+        {"metrics_file", KeyKind::Path, "\"\" (none)", 0, 0, kNoChoices, kAnySink,
+         "Prometheus text file, rewritten every 15 s (a node exporter's textfile collector reads it)"},
         {"status_file", KeyKind::Path, "hostagent.status.json beside the log file", 0, 0, kNoChoices,
          kAnySink, "status of the running agent, beside the log file unless named; read it with --status"},
     };

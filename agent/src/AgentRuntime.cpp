@@ -2,6 +2,7 @@
 
 #include "AgentTunables.h"
 #include "ControlSignals.h"
+#include "MetricsFile.h"
 #include "PolicyLint.h"
 #include "Privileges.h"
 #include "StatusFile.h"
@@ -181,7 +182,8 @@ bool AgentRuntime::StartModules() {
 // Sleeps until a signal, a policy change, a task event or the next deadline: nothing wakes the
 // control loop of an idle agent but the status file's interval.
 void AgentRuntime::ServeUntilStopped() {
-    auto nextStatus = Clock::now() + Millis(kStatusIntervalMs);
+    const Millis statusEvery(m_config.metricsFile.empty() ? kStatusIntervalMs : kMetricsIntervalMs);
+    auto nextStatus = Clock::now() + statusEvery;
     auto nextReclaim = Clock::time_point::max();
     // Pinged at half the manager's interval, so one late wake-up does not cost the agent its life.
     const Millis pingEvery = m_notifier.WatchdogInterval() / 2;
@@ -230,7 +232,7 @@ void AgentRuntime::ServeUntilStopped() {
         SDK::LoggerUtils::GetInstance()->FlushSuppressedLines(false);
         if (m_statusDue || Clock::now() >= nextStatus) {
             WriteStatus();
-            nextStatus = Clock::now() + Millis(kStatusIntervalMs);
+            nextStatus = Clock::now() + statusEvery;
         }
         if (Clock::now() >= nextPing) {
             FeedWatchdog();
@@ -350,6 +352,52 @@ void AgentRuntime::RenewDueTasks() {
     }
 }
 
+void AgentRuntime::WriteMetrics() {
+    using Framework::TaskMetric;
+    std::vector<TaskMetric> metrics = {{"hostagent_up", "gauge", "1 while the agent runs.", "", 1}};
+    for (const auto& [name, task] : m_supervisor.GetTasks()) {
+        const std::string label = Label("task", name);
+        metrics.push_back({"hostagent_task_running", "gauge", "1 while the module task runs.", label,
+                           Supervisor::StateName(task.state) == std::string("running") ? 1.0 : 0.0});
+        metrics.push_back({"hostagent_task_restarts_total", "counter",
+                           "Restarts of the module task after it stopped by itself.", label,
+                           static_cast<double>(task.restarts)});
+        if (Framework::Task* running = m_engine.FindTask(name)) {
+            for (TaskMetric metric : running->GetMetrics()) {
+                metric.labels = metric.labels.empty() ? label : label + "," + metric.labels;
+                metrics.push_back(metric);
+            }
+        }
+    }
+    if (m_reportTask != nullptr) {
+        for (const auto& [classId, count] : m_reportTask->GetAlarmsByClass()) {
+            metrics.push_back({"hostagent_alarms_total", "counter",
+                               "Alarm documents reported, by event class.", Label("class", classId),
+                               static_cast<double>(count)});
+        }
+        const std::vector<std::size_t> pending = m_reportTask->GetPendingBytes();
+        for (std::size_t i = 0; i < m_config.sinks.size(); ++i) {
+            const Engine::ReportSink& sink = m_config.sinks[i];
+            const std::string label = Label("sink", SinkName(sink));
+            metrics.push_back({"hostagent_sink_alarms_total", "counter",
+                               "Alarm documents handed to the sink.", label,
+                               static_cast<double>(m_reportTask->GetReportedCount())});
+            metrics.push_back({"hostagent_sink_pending_bytes", "gauge",
+                               "Bytes of alarms the sink took and has not delivered (its spool or queue).",
+                               label, static_cast<double>(i < pending.size() ? pending[i] : 0)});
+        }
+    }
+    std::string error;
+    if (!WriteMetricsFile(m_config.metricsFile, PrometheusText(metrics), error)) {
+        if (error != m_metricsProblem) {
+            SDK_ROOT_LOG(Poco::Message::PRIO_ERROR, "[Agent] Metrics file not written: %s", error);
+        }
+        m_metricsProblem = error;
+    } else {
+        m_metricsProblem.clear();
+    }
+}
+
 std::string AgentRuntime::StatusLine() const {
     std::size_t running = 0;
     for (const auto& entry : m_supervisor.GetTasks()) {
@@ -375,6 +423,10 @@ void AgentRuntime::FeedWatchdog() {
     }
     m_reportStuck = false;
     m_notifier.Ping();
+}
+
+std::string AgentRuntime::SinkName(const Engine::ReportSink& sink) {
+    return sink.kind == Engine::ReportSink::Kind::Stdout ? "stdout" : sink.path;
 }
 
 void AgentRuntime::WriteStatus() {
@@ -419,8 +471,10 @@ void AgentRuntime::WriteStatus() {
     status["alarms_reported"] = Json::Value(Json::objectValue);
     const Json::UInt64 reported = m_reportTask != nullptr ? m_reportTask->GetReportedCount() : 0;
     for (const Engine::ReportSink& sink : m_config.sinks) {
-        status["alarms_reported"][sink.kind == Engine::ReportSink::Kind::Stdout ? "stdout" : sink.path] =
-            reported;
+        status["alarms_reported"][SinkName(sink)] = reported;
+    }
+    if (!m_config.metricsFile.empty()) {
+        WriteMetrics();
     }
     std::string error;
     if (!WriteStatusFile(m_config.statusFile, status, error)) {

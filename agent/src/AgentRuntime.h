@@ -66,6 +66,10 @@ private:
     std::string StatusLine() const;
     // Pings the service manager's watchdog when the report path makes progress too.
     void FeedWatchdog();
+    // The metrics file: the agent's, its module tasks' and its report path's numbers.
+    void WriteMetrics();
+    // How the status and metrics name a sink: "stdout", its file or its socket path.
+    static std::string SinkName(const Engine::ReportSink& sink);
 
     struct Delivery {
         std::string path;
@@ -96,7 +100,8 @@ private:
     int m_signalFd = -1;         // readable when a control signal is pending
     int m_taskEventFd = -1;      // eventfd: task events wait in m_events
     bool m_statusDue = true;
-    std::string m_statusProblem;  // last status write failure, logged once
+    std::string m_statusProblem;   // last status write failure, logged once
+    std::string m_metricsProblem;  // why the metrics file was last not written; "" when it was
 };
 
 }  // namespace HostAgent

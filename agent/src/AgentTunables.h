@@ -38,6 +38,8 @@ constexpr const char* kDefaultConfigFile = "/etc/hostagent/agent.json";
 // The status file is rewritten at least this often (and at every task start and stop), so a
 // reader can tell a live agent from a stale file.
 constexpr long kStatusIntervalMs = 60000;
+// With "metrics_file" both files are rewritten this often instead: a Prometheus scrape interval.
+constexpr long kMetricsIntervalMs = 15000;
 
 // Restart back-off: each quick stop doubles the delay up to this cap (or the configured delay when
 // that is longer); a task that ran this long without stopping starts from the configured delay again.

@@ -32,6 +32,8 @@ public:
     virtual void Retry() = 0;
     // Closes and opens the output again (its file was rotated).
     virtual void Reopen() {}
+    // Bytes of alarms taken but not delivered yet (kept in memory or in a spool).
+    virtual std::size_t PendingBytes() const { return 0; }
     // Last attempt to deliver; what is left is kept (spool) or reported lost.
     virtual void Close() = 0;
 };

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
 
 namespace Engine {
 
@@ -49,6 +50,17 @@ struct DataCommReportTask::Impl {
     std::vector<std::unique_ptr<AlarmSink>> sinks;
     std::atomic<std::size_t> reported{0};
     std::atomic<bool> reopenRequested{false};
+    mutable std::mutex metricsMutex;  // the report thread writes, the agent's control loop reads
+    std::map<std::string, std::uint64_t> byClass;
+    std::vector<std::size_t> pendingBytes;
+
+    void PublishPending() {
+        std::lock_guard<std::mutex> lock(metricsMutex);
+        pendingBytes.assign(sinks.size(), 0);
+        for (std::size_t i = 0; i < sinks.size(); ++i) {
+            pendingBytes[i] = sinks[i]->PendingBytes();
+        }
+    }
 
     void CloseAll() {
         for (auto& sink : sinks) {
@@ -131,6 +143,7 @@ int DataCommReportTask::Run() {
         }
         m_impl->ReopenIfRequested();
         wait = m_impl->RetryDue();
+        m_impl->PublishPending();
         MarkActivity();
     }
     std::size_t drained = 0;
@@ -179,6 +192,10 @@ bool DataCommReportTask::HandleMsg(Framework::Message* msg) {
         sink->Write(alarm);
     }
     m_impl->reported.fetch_add(1, std::memory_order_relaxed);
+    {
+        std::lock_guard<std::mutex> lock(m_impl->metricsMutex);
+        ++m_impl->byClass[alarm.classId];
+    }
     return true;
 }
 
@@ -190,6 +207,16 @@ void DataCommReportTask::RequestReopen() {
 
 std::size_t DataCommReportTask::GetReportedCount() const {
     return m_impl->reported.load(std::memory_order_relaxed);
+}
+
+std::map<std::string, std::uint64_t> DataCommReportTask::GetAlarmsByClass() const {
+    std::lock_guard<std::mutex> lock(m_impl->metricsMutex);
+    return m_impl->byClass;
+}
+
+std::vector<std::size_t> DataCommReportTask::GetPendingBytes() const {
+    std::lock_guard<std::mutex> lock(m_impl->metricsMutex);
+    return m_impl->pendingBytes;
 }
 
 bool DataCommReportTask::IsResponsive(std::chrono::milliseconds limit) const {

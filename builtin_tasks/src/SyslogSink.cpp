@@ -193,6 +193,8 @@ public:
         StoreSpool(false);
     }
 
+    std::size_t PendingBytes() const override { return m_queue.Bytes(); }
+
     SinkClock::time_point NextRetry() const override {
         return std::min(m_queue.Empty() ? SinkClock::time_point::max() : m_nextRetry, m_queue.SyncDue());
     }

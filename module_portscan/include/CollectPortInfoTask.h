@@ -8,6 +8,7 @@
 #include <json/json.h>
 #include <netinet/in.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -99,6 +100,8 @@ public:
     bool Init() override;
     bool UnInit() override;
     int Run() override;
+    // Frames read, watched, in-use and frozen ports, and the kernel's counts of the capture sockets.
+    std::vector<Framework::TaskMetric> GetMetrics() const override;
 
     // Resets the fields and rebuilds the classifier chain (half-open first, then common).
     void InitFieldVars();
@@ -184,6 +187,9 @@ public:
     // set while the capture sockets exist, and an address added or removed rebuilds the filters (the
     // state machine's reload) with the host's addresses read anew.
     void FollowSwitches();
+    // Adds the kernel's counts of the capture sockets since the last call (PACKET_STATISTICS, which
+    // a read resets) to the task's metrics.
+    void TakePacketStatistics();
     void CloseAddressWatch();
     // The host's IPv4 and IPv6 addresses as the filters take them, as one text for comparison.
     static std::string LocalAddressText();
@@ -224,6 +230,13 @@ private:
     std::set<std::tuple<uint32_t, uint32_t, std::string>> m_alarmedSources;
     std::map<std::string, ScanSummary> m_scanSummaries;  // "scan_summary": by source address text
     std::size_t m_summariesDropped;                      // sources not tracked since the last tick
+    // Metrics, written by the task thread, read by any.
+    std::atomic<std::uint64_t> m_framesRead{0};
+    std::atomic<std::uint64_t> m_watchedPorts{0};
+    std::atomic<std::uint64_t> m_inUsePorts{0};
+    std::atomic<std::uint64_t> m_frozenPorts{0};
+    std::atomic<std::uint64_t> m_kernelPackets{0};
+    std::atomic<std::uint64_t> m_kernelDrops{0};
 };
 
 }  // namespace Engine

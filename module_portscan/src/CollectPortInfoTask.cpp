@@ -240,6 +240,7 @@ int CollectPortInfoTask::Run() {
             ++tickCount;
             PrintPortInfo();
             SendPortAlarm();
+            TakePacketStatistics();
             if (!m_scanSummaries.empty() || m_summariesDropped > 0) {  // only ever with "scan_summary"
                 SendScanSummaries(true);
             }

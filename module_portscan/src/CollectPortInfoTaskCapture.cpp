@@ -7,6 +7,7 @@
 #include "SocketUtil.h"
 #include "sdk/LoggerUtils.h"
 
+#include <linux/if_packet.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -98,6 +99,7 @@ bool CollectPortInfoTask::HandleSocketBuffer(int sockFd, int& pktCount, int& err
     char buffer[kRecvBufferSize] = {};
     const ssize_t received = recv(sockFd, buffer, sizeof(buffer), 0);
     if (received >= 1) {
+        m_framesRead.fetch_add(1, std::memory_order_relaxed);
         PacketNode node{};
         const auto parse = [&] {
             return (m_sock6Fd != -1 && sockFd == m_sock6Fd)
@@ -317,6 +319,40 @@ void CollectPortInfoTask::CloseAddressWatch() {
     }
     close(m_addressWatchFd);  // also leaves the epoll set
     m_addressWatchFd = -1;
+}
+
+void CollectPortInfoTask::TakePacketStatistics() {
+    for (int fd : {m_socketReady ? m_sockFd : -1, m_sock6Fd}) {
+        tpacket_stats stats{};
+        socklen_t length = sizeof(stats);
+        if (fd >= 0 && getsockopt(fd, SOL_PACKET, PACKET_STATISTICS, &stats, &length) == 0) {
+            m_kernelPackets.fetch_add(stats.tp_packets, std::memory_order_relaxed);
+            m_kernelDrops.fetch_add(stats.tp_drops, std::memory_order_relaxed);
+        }
+    }
+}
+
+std::vector<Framework::TaskMetric> CollectPortInfoTask::GetMetrics() const {
+    auto number = [](const std::atomic<std::uint64_t>& value) {
+        return static_cast<double>(value.load(std::memory_order_relaxed));
+    };
+    return {
+        {"hostagent_capture_frames_total", "counter",
+         "Frames the port-scan task read from its capture sockets.", "", number(m_framesRead)},
+        {"hostagent_watched_ports", "gauge",
+         "Policy ports the capture filters watch (unused and not frozen).", "", number(m_watchedPorts)},
+        {"hostagent_in_use_ports", "gauge", "Policy ports a local program uses, left out of the filters.", "",
+         number(m_inUsePorts)},
+        {"hostagent_frozen_ports", "gauge", "Ports frozen for a day after too many packets or hosts.", "",
+         number(m_frozenPorts)},
+        {"hostagent_capture_kernel_frames_total", "counter",
+         "Frames the kernel filters admitted (PACKET_STATISTICS), counted at the minute tick.", "",
+         number(m_kernelPackets)},
+        {"hostagent_capture_kernel_drops_total", "counter",
+         "Admitted frames the kernel dropped on a full socket queue (PACKET_STATISTICS), counted at the "
+         "minute tick.",
+         "", number(m_kernelDrops)},
+    };
 }
 
 }  // namespace Engine

@@ -40,12 +40,17 @@ bool CollectPortInfoTask::MergeMonitorPort() {
         return false;
     }
     std::set<PortInfoNode> monitored;
+    std::uint64_t inUse = 0;
     for (const PortInfoNode& node : policyPorts) {
-        if (m_banPortMap.find(node.port) != m_banPortMap.end() || IsPortInUse(node.port, node.type)) {
+        const bool used = IsPortInUse(node.port, node.type);
+        inUse += used ? 1 : 0;
+        if (m_banPortMap.find(node.port) != m_banPortMap.end() || used) {
             continue;
         }
         monitored.insert(node);
     }
+    m_inUsePorts.store(inUse, std::memory_order_relaxed);
+    m_watchedPorts.store(monitored.size(), std::memory_order_relaxed);
 
     if (m_portSet.empty()) {
         m_monitorStatus = MONITOR_LIST_CREATE;

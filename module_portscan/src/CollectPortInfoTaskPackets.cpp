@@ -157,6 +157,7 @@ void CollectPortInfoTask::FreezePort(unsigned short port) {
     }
     PORTSCAN_LOG(Poco::Message::PRIO_INFORMATION, "[PortScan] Freeze port [%hu]", port);
     m_banPortMap[port] = SDK::TimeUtils::GetCurrentTimestampS();
+    m_frozenPorts.store(m_banPortMap.size(), std::memory_order_relaxed);
     // Rebuilding the list leaves the port out, so the filter is reloaded without it.
     GetMonitorPort();
     PrintPortInfo();
@@ -171,6 +172,7 @@ bool CollectPortInfoTask::FreeBanPort() {
             ++it;
         }
     }
+    m_frozenPorts.store(m_banPortMap.size(), std::memory_order_relaxed);
     return true;
 }
 

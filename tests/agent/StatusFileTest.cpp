@@ -1,5 +1,6 @@
-// The status file as a monitor reads it: group-readable, a hung agent told from a live one, a file
-// that cannot be read told from no agent at all.
+// The status and metrics files as monitors read them: group-readable, a hung agent told from a live one, a
+// file that cannot be read told from no agent at all.
+#include "MetricsFile.h"
 #include "StatusFile.h"
 #include "support/NetLab.h"
 
@@ -54,6 +55,23 @@ TEST(StatusFileTest, AMonitorReadsItAndTellsAHungAgentAndAnUnreadableFile) {
     TestSupport::WriteFile(path, "{\"pid\": ");
     EXPECT_EQ(kStatusUnreadable, PrintStatus(path, out, err));
     EXPECT_EQ(kStatusNoAgent, PrintStatus(dir.File("none.json"), out, err));
+}
+
+// Prometheus' text format: HELP and TYPE once per name before its samples, label values escaped.
+TEST(MetricsFileTest, TextFormatGroupsSamplesByName) {
+    const std::string text = PrometheusText({
+        {"hostagent_up", "gauge", "Up.", "", 1},
+        {"hostagent_alarms_total", "counter", "Alarms.", Label("class", "portscan_0002"), 3},
+        {"hostagent_sink_pending_bytes", "gauge", "Pending.", Label("sink", "/var/\"x\"\\y"), 1.5},
+        {"hostagent_alarms_total", "counter", "Alarms.", Label("class", "portscan_0001"), 12345678901},
+    });
+    EXPECT_EQ(text,
+              "# HELP hostagent_up Up.\n# TYPE hostagent_up gauge\nhostagent_up 1\n"
+              "# HELP hostagent_alarms_total Alarms.\n# TYPE hostagent_alarms_total counter\n"
+              "hostagent_alarms_total{class=\"portscan_0002\"} 3\n"
+              "hostagent_alarms_total{class=\"portscan_0001\"} 12345678901\n"
+              "# HELP hostagent_sink_pending_bytes Pending.\n# TYPE hostagent_sink_pending_bytes gauge\n"
+              "hostagent_sink_pending_bytes{sink=\"/var/\\\"x\\\"\\\\y\"} 1.5\n");
 }
 
 }  // namespace

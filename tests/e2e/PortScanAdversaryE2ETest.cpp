@@ -2,7 +2,7 @@
 // against spoofed floods, decoys and alarm floods on): hping3 and nmap from a scanner namespace and a
 // second scanner's namespace, private addresses only, no default route. Spoofed public frames freeze
 // nothing and stop nothing, decoys do not hide the real scanner, each scan of one source ends in one
-// summary, and the shipped UDP ports alarm.
+// summary, and the shipped UDP ports alarm; the agent's metrics show it all to a node exporter.
 
 #include "ScanLab.h"
 
@@ -59,7 +59,12 @@ protected:
         Json::Value policy;
         ASSERT_TRUE(ParseJson(ReadFile(SHIPPED_POLICY), policy));
         m_task = policy["content"]["port_scan_task"];
-        ASSERT_NO_FATAL_FAILURE(m_lab->StartAgent(ReadFile(SHIPPED_POLICY)));
+        // Metrics for a node exporter's textfile collector, in a folder of their own.
+        Json::Value config;
+        ASSERT_TRUE(ParseJson(AgentConfigText(PORTSCAN_MODULE_PATH), config));
+        config["metrics_file"] = "metrics/hostagent.prom";
+        MustRun({"mkdir", "-p", m_lab->dir.File("metrics")});
+        ASSERT_NO_FATAL_FAILURE(m_lab->StartAgent(ReadFile(SHIPPED_POLICY), config.toStyledString()));
     }
 
     // `count` SYNs from the spoofed public source to `port`, `interval` apart.
@@ -152,6 +157,32 @@ TEST_F(PortScanAdversaryE2E, SpoofedFramesDecoysAndRepeatsDoNotHideTheScanner) {
     ASSERT_GE(udpPorts.size(), 8u);
     m_lab->Nmap({"-sU"}, udpList, kSourcePort, kMonitored);
     EXPECT_EQ(PortsOf(WaitFor(udpPorts.size(), "portscan_0001", kScanner)), udpPorts);
+
+    // The numbers, through Debian's node exporter on the monitored namespace's loopback.
+    Child exporter({"prometheus-node-exporter", "--collector.disable-defaults", "--collector.textfile",
+                    "--collector.textfile.directory=" + m_lab->dir.File("metrics"),
+                    "--web.listen-address=127.0.0.1:19182"},
+                   m_lab->mon.Name(), m_lab->dir.File("exporter.out"), m_lab->dir.File("exporter.err"));
+    std::string scraped;
+    const bool seen = WaitUntil(
+        [&] {
+            scraped = TestSupport::Run({"curl", "-s", "http://127.0.0.1:19182/metrics"}, m_lab->mon.Name(),
+                                       Seconds(5))
+                          .output;
+            return scraped.find("hostagent_alarms_total{class=\"portscan_0003\"} ") != std::string::npos &&
+                   scraped.find("hostagent_alarms_total{class=\"portscan_0001\"} " +
+                                std::to_string(udpPorts.size())) != std::string::npos;
+        },
+        Seconds(25));
+    EXPECT_TRUE(seen) << scraped;
+    for (const char* sample :
+         {"hostagent_up 1", "hostagent_task_running{task=\"port_scan_task\"} 1",
+          "hostagent_task_restarts_total{task=\"port_scan_task\"} 0",
+          "hostagent_watched_ports{task=\"port_scan_task\"} 29",
+          "hostagent_frozen_ports{task=\"port_scan_task\"} 0", "hostagent_sink_pending_bytes",
+          "hostagent_capture_frames_total{task=\"port_scan_task\"}"}) {
+        EXPECT_NE(scraped.find(sample), std::string::npos) << sample << "\n" << scraped;
+    }
     m_lab->StopAgent();
 }
 

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -58,6 +59,12 @@ public:
 
     // Events handled so far.
     std::size_t GetReportedCount() const;
+
+    // Alarms handled so far by "event_classid" ("" for documents without one).
+    std::map<std::string, std::uint64_t> GetAlarmsByClass() const;
+    // Per configured sink, in configuration order: bytes of alarms taken and not delivered yet
+    // (a syslog sink's spool or memory queue), as of the last message or retry.
+    std::vector<std::size_t> GetPendingBytes() const;
 
     // False when the task has been handling one message (writing it to its sinks) for longer than
     // `limit`: the report path is stuck. Waiting for messages is no fault.

@@ -6,12 +6,22 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace Framework {
 
 class FeaturePolicy;
 class Message;
 class TaskPolicy;
+
+// One number a task reports for monitoring (the agent writes them in Prometheus' text format).
+struct TaskMetric {
+    std::string name;    // "hostagent_..." in Prometheus style: counters end in "_total"
+    std::string type;    // "counter" or "gauge"
+    std::string help;    // one line
+    std::string labels;  // extra labels, "" or 'socket="ipv4"'
+    double value = 0;
+};
 
 // A unit of work that runs on a thread of its own once registered (Module::RegisterTask).
 //
@@ -60,6 +70,10 @@ public:
     virtual bool InterceptMsg(Message* msg);
     // Handles one dequeued message; the caller deletes it afterwards. Default: ignores it.
     virtual bool HandleMsg(Message* msg);
+
+    // The task's numbers for monitoring; called from any thread, so they must be safe to read while
+    // the task runs. Default: none.
+    virtual std::vector<TaskMetric> GetMetrics() const { return {}; }
 
     // Sends `msg` to the registered task `taskName`; ownership passes in every case (an
     // undeliverable message is deleted with a warning line). True when the target queued it.
