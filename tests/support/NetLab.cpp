@@ -156,6 +156,13 @@ Child::Child(const std::vector<std::string>& argv, const std::string& netns, con
         dup2(in, 0);
         dup2(out, 1);
         dup2(err, 2);
+        // Only the three standard descriptors go to the program: some (mmdebstrap) pass numbered
+        // descriptors of their own on and break on others that are open.
+        for (int fd : {in, out, err}) {
+            if (fd > 2) {
+                close(fd);
+            }
+        }
         execv(program.c_str(), args.data());
         _exit(127);
     }
