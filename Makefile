@@ -47,6 +47,7 @@ run: build
 # Every test, then the unit tests again under AddressSanitizer + UndefinedBehaviorSanitizer, the
 # concurrency stress tests under ThreadSanitizer, and a few seconds of every fuzz target.
 check: build
+	@bash scripts/install-test-data.sh
 	cd $(BUILD) && ctest --output-on-failure --timeout 600 -j2 | tee ctest.log
 	$(MAKE) test-asan test-tsan fuzz-smoke
 	@cat $(BUILD)/ctest.log $(ASAN_BUILD)/ctest.log $(TSAN_BUILD)/ctest.log $(FUZZ_BUILD)/ctest.log \

@@ -237,6 +237,12 @@ void ParseReport(const Json::Value& report, const Resolver& resolve, std::vector
         } else {
             parsed = ParseSyslogSink(sink, where, resolve);
         }
+        if (sink.isMember("format")) {
+            parsed.format = ChoiceOf(sink["format"], where + ".format", Key("report.sinks[].format"),
+                                     "unknown format") == "ecs"
+                                ? Engine::ReportSink::Format::Ecs
+                                : Engine::ReportSink::Format::Native;
+        }
         std::string identity = parsed.kind == Engine::ReportSink::Kind::Stdout ? "stdout"
                                : parsed.address.empty()                        ? parsed.path
                                                                                : parsed.address;

@@ -44,6 +44,8 @@ std::vector<AgentKey> MakeKeys() {
          "tcp: file that keeps alarms the collector has not taken, across restarts"},
         {"report.sinks[].spool_max_bytes", KeyKind::Integer, spoolDefault.c_str(), kMinSpoolBytes,
          kMaxSpoolBytes, kNoChoices, "syslog", "tcp: bound of the spool; the oldest alarms go first"},
+        {"report.sinks[].format", KeyKind::Choice, "native", 0, 0, "native|ecs", kAnySink,
+         "each alarm as the module's document, or as an Elastic Common Schema one"},
         {"supervisor", KeyKind::Object, "", 0, 0, kNoChoices, kAnySink,
          "restarts and renewals of module tasks"},
         {"supervisor.restart_delay_s", KeyKind::Integer, "60", 1, 86400, kNoChoices, kAnySink,

@@ -1,6 +1,7 @@
 #include "builtin_tasks/DataCommReportTask.h"
 
 #include "AlarmSinks.h"
+#include "EcsDocument.h"
 #include "ReportTunables.h"
 #include "framework/Message.h"
 #include "sdk/JsonUtils.h"
@@ -50,6 +51,8 @@ struct DataCommReportTask::Impl {
     std::vector<std::unique_ptr<AlarmSink>> sinks;
     std::atomic<std::size_t> reported{0};
     std::atomic<bool> reopenRequested{false};
+    bool anyEcs = false;              // a sink writes Elastic Common Schema documents
+    EcsHost host;                     // what those documents say of this host
     mutable std::mutex metricsMutex;  // the report thread writes, the agent's control loop reads
     std::map<std::string, std::uint64_t> byClass;
     std::vector<std::size_t> pendingBytes;
@@ -102,6 +105,13 @@ DataCommReportTask::~DataCommReportTask() {
 
 bool DataCommReportTask::Init() {
     m_impl->CloseAll();
+    m_impl->anyEcs = false;
+    for (const ReportSink& config : m_impl->config) {
+        m_impl->anyEcs = m_impl->anyEcs || config.format == ReportSink::Format::Ecs;
+    }
+    if (m_impl->anyEcs) {
+        m_impl->host = ReadEcsHost(HOSTAGENT_VERSION);
+    }
     for (const ReportSink& config : m_impl->config) {
         std::unique_ptr<AlarmSink> sink =
             config.kind == ReportSink::Kind::Syslog
@@ -188,8 +198,14 @@ bool DataCommReportTask::HandleMsg(Framework::Message* msg) {
                      EscapeLineBreaks(body));
         alarm.line = EscapeLineBreaks(body);
     }
-    for (auto& sink : m_impl->sinks) {
-        sink->Write(alarm);
+    AlarmLine ecsAlarm = alarm;
+    Json::Value ecs;
+    if (m_impl->anyEcs && parsed == SDK::JsonUtils::kParseOk && ToEcsDocument(root, m_impl->host, ecs)) {
+        ecsAlarm.line = SDK::JsonUtils::JsonToString(ecs);
+    }
+    for (std::size_t i = 0; i < m_impl->sinks.size(); ++i) {
+        const bool asEcs = i < m_impl->config.size() && m_impl->config[i].format == ReportSink::Format::Ecs;
+        m_impl->sinks[i]->Write(asEcs ? ecsAlarm : alarm);
     }
     m_impl->reported.fetch_add(1, std::memory_order_relaxed);
     {

@@ -27,6 +27,9 @@ struct ReportSink {
     // memory only); at most `spoolMaxBytes` of them, the oldest dropped first.
     std::string spool;
     std::size_t spoolMaxBytes = 0;  // 0: the default bound
+    // The document each alarm becomes in this sink: the module's own, or Elastic Common Schema.
+    enum class Format { Native, Ecs };
+    Format format = Format::Native;
     // The default bound of a TCP syslog spool: a day-long outage of a busy host fits.
     static constexpr std::size_t kDefaultSpoolMaxBytes = 16 * 1024 * 1024;
 };
