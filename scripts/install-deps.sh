@@ -20,6 +20,8 @@ packages=(
   dpkg-dev fakeroot lintian systemd logrotate man-db rsyslog
   # metrics read by a real node exporter; the service booted by a real systemd in a container
   prometheus-node-exporter curl mmdebstrap systemd-container
+  # the fail2ban hand-off: a real fail2ban banning through nftables
+  fail2ban nftables
 )
 
 missing=()
