@@ -22,6 +22,8 @@ packages=(
   prometheus-node-exporter curl mmdebstrap systemd-container
   # the fail2ban hand-off: a real fail2ban banning through nftables
   fail2ban nftables
+  # the fleet collector: rsyslog into PostgreSQL, and the larger fleets' outputs its configs name
+  postgresql rsyslog-pgsql rsyslog-elasticsearch rsyslog-kafka
 )
 
 missing=()
