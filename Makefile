@@ -18,7 +18,7 @@ PACKAGE_TARGETS = hostagent portscan_module packaging_docs
 SHELL := /bin/bash
 .SHELLFLAGS := -o pipefail -c
 
-.PHONY: all deps build run check test test-asan test-tsan fuzz fuzz-build fuzz-smoke bench demo format clean install package
+.PHONY: all deps build run check test test-asan test-tsan fuzz fuzz-build fuzz-smoke bench bench-collector demo format clean install package
 
 all: build
 
@@ -84,6 +84,10 @@ fuzz-smoke: fuzz-build
 # CPU, wake-ups, memory and instructions per probe of the agent under load (root; not run by CI).
 bench: build
 	BUILD=$(BUILD) bash scripts/bench.sh
+
+# Alarms per second through rsyslog into PostgreSQL with the shipped collector files (root; not run by CI).
+bench-collector: deps
+	bash scripts/bench-collector.sh
 
 # A two-namespace lab: the agent watches one host while nmap scans it from the other.
 demo: build
