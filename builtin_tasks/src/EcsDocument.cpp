@@ -13,7 +13,7 @@ namespace Engine {
 namespace {
 
 // The schema version the documents follow.
-constexpr const char* kEcsVersion = "9.2.0";
+constexpr const char* kEcsVersion = "9.4.0";
 
 // event.severity on the 21 / 47 / 73 / 99 scale a SIEM grades alerts by. A common probe (any TCP or
 // UDP packet to an unused port) is low: one misdirected client makes one. A bare SYN is medium: a
