@@ -152,6 +152,8 @@ public:
     virtual bool BuildPortRemoteIpMap(std::map<unsigned short, std::string>& map);
     int BuildSinglePortAlarmInfo(const PortInfoNode& node, Json::Value& alarm, int& eventCount,
                                  const std::map<unsigned short, std::string>& peers);
+    // Names the document's class from `alarmType`, sets its "event_count", logs and sends it.
+    void SendAlarmDocument(Json::Value& alarm, int alarmType, const Json::Value& eventCount);
 
     // Debug dump of the policy ports and the frozen ports.
     void PrintPortInfo();

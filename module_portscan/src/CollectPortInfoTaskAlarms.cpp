@@ -78,17 +78,22 @@ void CollectPortInfoTask::SendPortAlarm() {
         if (eventCount < 1) {
             continue;
         }
-        const bool common = alarmType == kCommonScanType;
-        alarm["event_count"] = eventCount;
-        alarm["event_classid"] = common ? "portscan_0001" : "portscan_0002";
-        alarm["event_name"] = common ? "Common port scan" : "Secret port scan";
-
-        const std::string text = SDK::JsonUtils::JsonToString(alarm);
-        // One per port and run, each text distinct: counted per text, so none is held back.
-        PORTSCAN_LOG_BUDGETED(Poco::Message::PRIO_INFORMATION, SDK::LogBudget::kPerText,
-                              "[PortScan] Sending alarm [%s]", text);
-        SendDirectMsg(kReportTaskName, new Framework::DataMessage(kAlarmMessageType, text));
+        SendAlarmDocument(alarm, alarmType, eventCount);
     }
+}
+
+void CollectPortInfoTask::SendAlarmDocument(Json::Value& alarm, int alarmType,
+                                            const Json::Value& eventCount) {
+    const bool common = alarmType == kCommonScanType;
+    alarm["event_count"] = eventCount;
+    alarm["event_classid"] = common ? "portscan_0001" : "portscan_0002";
+    alarm["event_name"] = common ? "Common port scan" : "Secret port scan";
+
+    const std::string text = SDK::JsonUtils::JsonToString(alarm);
+    // One per port and run, each text distinct: counted per text, so none is held back.
+    PORTSCAN_LOG_BUDGETED(Poco::Message::PRIO_INFORMATION, SDK::LogBudget::kPerText,
+                          "[PortScan] Sending alarm [%s]", text);
+    SendDirectMsg(kReportTaskName, new Framework::DataMessage(kAlarmMessageType, text));
 }
 
 int CollectPortInfoTask::BuildSinglePortAlarmInfo(const PortInfoNode& node, Json::Value& alarm,

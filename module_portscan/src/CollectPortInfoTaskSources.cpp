@@ -137,14 +137,7 @@ void CollectPortInfoTask::SendPerSourceAlarms() {
             Json::Value alarm;
             int eventCount = 0;
             const int alarmType = BuildSinglePortAlarmInfo(entries, alarm, eventCount, {});
-            const bool common = alarmType == kCommonScanType;
-            alarm["event_count"] = static_cast<Json::UInt64>(entries.alarmInfos.size());
-            alarm["event_classid"] = common ? "portscan_0001" : "portscan_0002";
-            alarm["event_name"] = common ? "Common port scan" : "Secret port scan";
-            const std::string text = SDK::JsonUtils::JsonToString(alarm);
-            PORTSCAN_LOG_BUDGETED(Poco::Message::PRIO_INFORMATION, SDK::LogBudget::kPerText,
-                                  "[PortScan] Sending alarm [%s]", text);
-            SendDirectMsg(kReportTaskName, new Framework::DataMessage(kAlarmMessageType, text));
+            SendAlarmDocument(alarm, alarmType, static_cast<Json::UInt64>(entries.alarmInfos.size()));
         }
     }
 }
