@@ -196,6 +196,11 @@ public:
     // The host's IPv4 and IPv6 addresses as the filters take them, as one text for comparison.
     static std::string LocalAddressText();
 
+    // The monitor list as the capture loop sees it; read on the task's thread or while it is stopped.
+    MONITOR_LIST_STATUS GetMonitorStatus() const { return m_monitorStatus; }
+    const std::set<PortInfoNode>& GetMonitorPortSet() const { return m_portSet; }
+    bool IsPortFrozen(unsigned int port) const { return m_banPortMap.count(port) != 0; }
+
 private:
     // The task policy, read anew at each use (with the activity mark made first).
     PortScanTaskPolicy* GetPolicy();
@@ -205,9 +210,6 @@ private:
     // True when `record` has more scan packets than SendPortAlarm requires and its port has not been
     // alarmed in this run.
     bool CrossedAlarmThreshold(const PortInfoNode& record) const;
-
-    // Lets unit tests read and set the state they check.
-    friend class CollectPortInfoTaskPeer;
 
     std::map<unsigned int, long> m_banPortMap;       // frozen port -> freeze time (s)
     std::set<PortInfoNode> m_portSet;                // monitored ports as last seen
