@@ -1,15 +1,12 @@
-// Feature and task policies, the module's task switching and the classifier chain; and the built
-// agent loading the built module, judged by its log file.
+// Feature and task policies, the module's task switching and the classifier chain.
 
 #include "PortScanModule.h"
 #include "PortScanPolicy.h"
 #include "support/LogCapture.h"
-#include "support/NetLab.h"
 #include "support/TestEngine.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <cstddef>
 
@@ -226,33 +223,6 @@ TEST(PortScanChain, VerdictsOfHalfOpenThenCommon) {
         EXPECT_EQ(alarm == 0 ? 1u : 0u, log.Count("[PortScan] safe pkt found, safe(0)"));
     }
     TestEngine().UnRegisterTask("port_scan_task");
-}
-
-TEST(PortScanAgentRun, PolicyFileOutcomesInTheLog) {
-    using namespace TestSupport;
-    const std::pair<std::string, const char*> cases[] = {
-        // An empty monitor list keeps the task from opening a capture socket.
-        {Feature(R"({"monitor_list":[],"task_condition":{}})"), "[PortScan] first run port_scan_task, tid("},
-        // What the module would give up is not delivered: its last good policy would stay in force.
-        {"port_scan_task: on", "refused: not valid JSON"},
-        {Feature(R"({"monitor_list":{},"task_condition":{}})"),
-         "refused: \"port_scan_task\".\"monitor_list\" is missing or not an array; the last good policy stays"},
-    };
-    for (const auto& [policy, line] : cases) {
-        SCOPED_TRACE(line);
-        TempDir dir;
-        WriteFile(dir.File("policy.json"), policy);
-        WriteFile(dir.File("agent.json"),
-                  R"({"log":{"level":"debug","console":false,"file":")" + dir.File("agent.log") +
-                      R"("},"modules":[")" PORTSCAN_MODULE R"("],"policies":{"10001":")" +
-                      dir.File("policy.json") + R"("},"report":{"sinks":[{"type":"stdout"}]}})");
-        Child agent({HOSTAGENT_BIN, "--config", dir.File("agent.json")}, "", dir.File("out"),
-                    dir.File("err"));
-        EXPECT_TRUE(WaitForLine(dir.File("agent.log"), line, Seconds(20)))
-            << ReadFile(dir.File("agent.log")) << ReadFile(dir.File("err"));
-        agent.Signal(SIGTERM);
-        EXPECT_EQ(0, agent.WaitExit(Seconds(20)).value_or(-1));
-    }
 }
 
 }  // namespace

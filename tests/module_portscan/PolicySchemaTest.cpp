@@ -125,6 +125,13 @@ TEST(PolicySchemaTest, TheModuleAnswersForItsOwnKeyAndTextItCanRead) {
     EXPECT_TRUE(module.LintPolicy("10001", "{\"content\": ").empty());
     EXPECT_TRUE(module.LintPolicy("10001", "{\"content\": {\"other_task\": {}}}").empty());
     EXPECT_EQ(module.GetPolicySchema("10001").size(), Engine::TaskPolicyKeys().size());
+    // What the module would give up is refused before delivery, so its last good policy stays.
+    EXPECT_EQ(module.RefusalOf("10001", "port_scan_task: on"), "not a JSON object");
+    EXPECT_EQ(module.RefusalOf("10001", R"({"content": {"port_scan_task": {"monitor_list": {}}}})"),
+              "\"port_scan_task\".\"monitor_list\" is missing or not an array");
+    EXPECT_EQ(module.RefusalOf("10001", R"({"content": {"is_feature_enable": false, "port_scan_task": {}}})"),
+              "");
+    EXPECT_EQ(module.RefusalOf("90001", "port_scan_task: on"), "");
     EXPECT_TRUE(module.GetPolicySchema("90001").empty());
 }
 
