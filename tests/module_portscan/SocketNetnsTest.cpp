@@ -313,15 +313,15 @@ TEST_F(PortScanNetns, SocketDiagnosticsAndRouteDump) {
         }
     });
 
-    // Only inside this isolated namespace; nothing is sent along it.
-    TestSupport::MustRun({"ip", "-n", m_cap->Name(), "route", "add", "default", "via", "10.231.0.254"});
+    // A gatewayed route inside this isolated namespace (no default route); nothing is sent along it.
+    TestSupport::MustRun({"ip", "-n", m_cap->Name(), "route", "add", "10.99.0.0/16", "via", "10.231.0.254"});
     std::vector<Engine::RouteTable> table;
     bool result = true;
     RunIn(*m_cap, [&] { result = Engine::IPUtil::GetRouteTable(table); });
     EXPECT_FALSE(result);         // inverted: a completed dump answers false
     ASSERT_EQ(2u, table.size());  // the local table's routes are skipped
     std::sort(table.begin(), table.end(), [](auto& a, auto& b) { return a.dstLen < b.dstLen; });
-    EXPECT_EQ(std::make_tuple(0, 0u, inet_addr("10.231.0.254"), std::string("vcap")),
+    EXPECT_EQ(std::make_tuple(16, inet_addr("10.99.0.0"), inet_addr("10.231.0.254"), std::string("vcap")),
               std::make_tuple(table[0].dstLen, table[0].dst, table[0].gateway, table[0].ifName));
     EXPECT_EQ(std::make_tuple(24, inet_addr("10.231.0.0"), 0u, std::string("vcap")),
               std::make_tuple(table[1].dstLen, table[1].dst, table[1].gateway, table[1].ifName));
