@@ -1,6 +1,8 @@
-// The report task's sinks under faults: a TCP collector that is down (spool, restart, bound), an
-// alarm file whose folder disappears, and a full disk.
+// The report task's sinks under faults: a TCP collector that is down (spool, restart, bound) or whose
+// name does not resolve, a local syslog daemon that restarts or never reads, an alarm file whose
+// folder disappears, a full disk, and the spool file read back after a crash at any step of its upkeep.
 #include "AlarmSinks.h"
+#include "SyslogSpool.h"
 #include "builtin_tasks/DataCommReportTask.h"
 #include "framework/Message.h"
 #include "sdk/JsonUtils.h"
@@ -14,11 +16,14 @@
 #include <poll.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <numeric>
 #include <regex>
@@ -29,7 +34,9 @@ namespace {
 
 using Engine::DataCommReportTask;
 using Engine::ReportSink;
+using Engine::SyslogSpool;
 using namespace TestSupport;
+using Clock = std::chrono::steady_clock;
 
 std::string Alarm(int seq) {
     // Padding makes each alarm about 200 bytes, so a small spool bound holds only a few.
@@ -38,16 +45,40 @@ std::string Alarm(int seq) {
            std::to_string(seq) + "}";
 }
 
-// Registers a report task with `sinks`, hands it `alarms` and unregisters it (what SIGTERM does).
-void ReportAndStop(const std::vector<ReportSink>& sinks, const std::vector<std::string>& alarms,
-                   Millis before = Millis(0)) {
-    auto* task = new DataCommReportTask(sinks);
-    ASSERT_TRUE(TestEngine().RegisterTask(task, true));
-    for (const std::string& alarm : alarms) {
-        ASSERT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", alarm)));
+std::vector<std::string> Alarms(int count) {
+    std::vector<std::string> alarms;
+    for (int seq = 0; seq < count; ++seq) {
+        alarms.push_back(Alarm(seq));
     }
-    WaitUntil([] { return false; }, before);
-    ASSERT_TRUE(TestEngine().UnRegisterTask(DataCommReportTask::kTaskName));
+    return alarms;
+}
+
+ReportSink Sink(ReportSink::Kind kind, const std::string& path,
+                ReportSink::Transport transport = ReportSink::Transport::Local,
+                const std::string& address = "", const std::string& spool = "") {
+    ReportSink sink;
+    sink.kind = kind;
+    sink.path = path;
+    sink.transport = transport;
+    sink.address = address;
+    sink.spool = spool;
+    return sink;
+}
+
+// Registers a report task with `sinks`, hands it `alarms`, waits `wait` or until `done`, and
+// unregisters it (what SIGTERM does). Returns how long the stop took.
+Clock::duration ReportAndStop(
+    const std::vector<ReportSink>& sinks, const std::vector<std::string>& alarms, Millis wait = Millis(0),
+    const std::function<bool()>& done = [] { return false; }) {
+    auto* task = new DataCommReportTask(sinks);
+    EXPECT_TRUE(TestEngine().RegisterTask(task, true));
+    for (const std::string& alarm : alarms) {
+        EXPECT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", alarm)));
+    }
+    WaitUntil(done, wait);
+    const auto start = Clock::now();
+    EXPECT_TRUE(TestEngine().UnRegisterTask(DataCommReportTask::kTaskName));
+    return Clock::now() - start;
 }
 
 // A TCP listener on 127.0.0.1 that reads RFC 6587 octet-counted frames.
@@ -147,19 +178,12 @@ TEST(ReportSinkFaultsTest, TcpSyslogSpoolsWhileTheCollectorIsDownAndSendsEachAla
         ASSERT_TRUE(probe.m_ok);
         port = probe.m_port;
     }
-    ReportSink sink;
-    sink.kind = ReportSink::Kind::Syslog;
-    sink.transport = ReportSink::Transport::Tcp;
-    sink.address = "127.0.0.1:" + std::to_string(port);
-    sink.spool = dir.File("state/syslog.spool");
+    ReportSink sink = Sink(ReportSink::Kind::Syslog, "", ReportSink::Transport::Tcp,
+                           "127.0.0.1:" + std::to_string(port), dir.File("state/syslog.spool"));
     sink.spoolMaxBytes = 6 * 260;  // about six of these alarms
 
     // Down: twenty alarms, the agent stops; the spool keeps the newest that fit.
-    std::vector<std::string> alarms;
-    for (int seq = 0; seq < 20; ++seq) {
-        alarms.push_back(Alarm(seq));
-    }
-    ReportAndStop({sink}, alarms);
+    ReportAndStop({sink}, Alarms(20));
     EXPECT_EQ(logs.CountContaining("Cannot send alarms to syslog collector"), 1u);
     ASSERT_EQ(logs.CountContaining("oldest alarm(s) dropped"), 1u);
     const std::vector<std::string> texts = logs.Texts();
@@ -185,6 +209,38 @@ TEST(ReportSinkFaultsTest, TcpSyslogSpoolsWhileTheCollectorIsDownAndSendsEachAla
     EXPECT_EQ(seqs, expected);
     EXPECT_EQ(ReadFile(sink.spool), "");
     EXPECT_EQ(logs.CountContaining("from spool"), 1u);
+}
+
+TEST(ReportSinkFaultsTest, CollectorNameThatDoesNotResolveGetsOneErrorAndHoldsUpNothing) {
+    TestEngine();
+    RecordingChannel& logs = CaptureLogs();
+    TempDir dir;
+    const ReportSink file = Sink(ReportSink::Kind::File, dir.File("alarms.jsonl"));
+    const ReportSink tcp = Sink(ReportSink::Kind::Syslog, "", ReportSink::Transport::Tcp,
+                                "collector.invalid:6514", dir.File("syslog.spool"));
+    const ReportSink udp =
+        Sink(ReportSink::Kind::Syslog, "", ReportSink::Transport::Udp, "collector.invalid:6514");
+    // Long enough for the TCP sink's retries after one and two seconds.
+    const auto stop = ReportAndStop({tcp, udp, file}, Alarms(3), Millis(3500));
+    EXPECT_LT(stop, std::chrono::seconds(10));
+    EXPECT_EQ(ReadLines(file.path), Alarms(3));
+
+    // One line per sink, naming the name and the resolver's reason.
+    const std::regex clear(
+        R"(Cannot send alarms to syslog collector collector\.invalid:6514 \((tcp|udp)\): )"
+        R"(cannot resolve "collector\.invalid": [A-Za-z][^;]+; keeping them in (spool|memory).*)");
+    std::size_t errors = 0;
+    for (const std::string& text : logs.Texts()) {
+        if (text.find("collector.invalid") != std::string::npos &&
+            text.find("Cannot send") != std::string::npos) {
+            EXPECT_TRUE(std::regex_search(text, clear)) << text;
+            ++errors;
+        }
+    }
+    EXPECT_EQ(errors, 2u);
+    EXPECT_EQ(
+        logs.CountContaining("3 alarm(s) for syslog collector collector.invalid:6514 (tcp) kept in spool"),
+        1u);
 }
 
 // A datagram socket where a local syslog daemon would listen.
@@ -216,9 +272,7 @@ struct LocalSyslog {
 
 TEST(ReportSinkFaultsTest, LocalSyslogSocketSurvivesADaemonRestart) {
     TempDir dir;
-    ReportSink sink;
-    sink.kind = ReportSink::Kind::Syslog;
-    sink.path = dir.File("log.sock");
+    const ReportSink sink = Sink(ReportSink::Kind::Syslog, dir.File("log.sock"));
     auto daemon = std::make_unique<LocalSyslog>(sink.path);
     ASSERT_TRUE(daemon->m_ok);
     auto* task = new DataCommReportTask({sink});
@@ -239,6 +293,34 @@ TEST(ReportSinkFaultsTest, LocalSyslogSocketSurvivesADaemonRestart) {
     EXPECT_EQ(SeqOf(first[0], true), 0);
     EXPECT_EQ(SeqOf(second[0], true), 1);
     EXPECT_EQ(SeqOf(second[1], true), 2);
+}
+
+TEST(ReportSinkFaultsTest, LocalSyslogReaderThatNeverReadsHoldsUpNeitherTheAlarmFileNorTheStop) {
+    TestEngine();
+    RecordingChannel& logs = CaptureLogs();
+    TempDir dir;
+    const ReportSink file = Sink(ReportSink::Kind::File, dir.File("alarms.jsonl"));
+    const ReportSink local = Sink(ReportSink::Kind::Syslog, dir.File("log.sock"));
+    // Bound where the sink sends, never read: its queue is full after a few datagrams.
+    auto reader = std::make_unique<LocalSyslog>(local.path);
+    ASSERT_TRUE(reader->m_ok);
+    const std::vector<std::string> alarms = Alarms(600);
+    const auto giveUp = Clock::now() + std::chrono::seconds(9);
+    const auto stop = ReportAndStop({local, file}, alarms, Millis(10000), [&] {
+        if (ReadLines(file.path).size() >= alarms.size()) {
+            return true;
+        }
+        if (Clock::now() > giveUp) {
+            reader.reset();  // lets a sink stuck in a send go, so that the test ends
+        }
+        return false;
+    });
+    EXPECT_LT(stop, std::chrono::seconds(10));
+    EXPECT_TRUE(reader) << "the alarm file waited for the local syslog reader";
+    EXPECT_EQ(ReadLines(file.path), alarms);
+    EXPECT_EQ(logs.CountContaining("Cannot send alarms to syslog socket " + local.path +
+                                   ": its reader does not keep up"),
+              1u);
 }
 
 TEST(ReportSinkFaultsTest, LocalSyslogHeaderIsTheLocalDaemonsForm) {
@@ -270,11 +352,8 @@ TEST(ReportSinkFaultsTest, AlarmFileSurvivesItsFolderRemovedAndAFullDisk) {
     TestEngine();
     RecordingChannel& logs = CaptureLogs();
     TempDir dir;
-    ReportSink sink;
-    sink.kind = ReportSink::Kind::File;
-
     // The folder goes away between two alarms: it is made again and the second alarm lands.
-    sink.path = dir.File("gone/alarms.jsonl");
+    ReportSink sink = Sink(ReportSink::Kind::File, dir.File("gone/alarms.jsonl"));
     {
         auto* task = new DataCommReportTask({sink});
         ASSERT_TRUE(TestEngine().RegisterTask(task, true));
@@ -301,10 +380,9 @@ TEST(ReportSinkFaultsTest, AlarmFileSurvivesItsFolderRemovedAndAFullDisk) {
     logs.Clear();
     auto* task = new DataCommReportTask({sink});
     ASSERT_TRUE(TestEngine().RegisterTask(task, true));
-    std::vector<std::string> expected;
-    for (int seq = 0; seq < 50; ++seq) {
-        expected.push_back(Alarm(seq));
-        ASSERT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", expected.back())));
+    const std::vector<std::string> expected = Alarms(50);
+    for (const std::string& alarm : expected) {
+        ASSERT_TRUE(task->EnqueueMsg(new Framework::DataMessage("2", alarm)));
     }
     ASSERT_TRUE(WaitUntil([&] { return logs.CountContaining("Cannot write alarm to") > 0; }, Millis(5000)));
     unlink(filler.c_str());
@@ -314,6 +392,105 @@ TEST(ReportSinkFaultsTest, AlarmFileSurvivesItsFolderRemovedAndAFullDisk) {
     EXPECT_EQ(ReadLines(sink.path), expected);
     EXPECT_EQ(logs.CountContaining("Cannot write alarm to"), 1u);
     EXPECT_EQ(logs.CountContaining("Writing alarms to " + sink.path + " again"), 1u);
+}
+
+// Octet-counted frames as a TCP sink spools them.
+std::string Frame(int seq) {
+    std::string message = "<28>1 - - hostagent 1 - - " + Alarm(seq);
+    return std::to_string(message.size()) + " " + message;
+}
+
+std::vector<std::string> Drain(SyslogSpool& spool) {
+    std::vector<std::string> frames;
+    while (!spool.Empty()) {
+        frames.push_back(spool.Front());
+        spool.PopFront();
+    }
+    return frames;
+}
+
+std::uint64_t Inode(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
+}
+
+TEST(ReportSinkFaultsTest, SpoolReadAfterACrashHoldsExactlyTheFramesNotYetSent) {
+    TestEngine();
+    TempDir dir;
+    const std::string path = dir.File("syslog.spool");
+    const std::string record = path + ".offset";
+    std::vector<std::string> frames;
+    for (int seq = 0; seq < 10; ++seq) {
+        frames.push_back(Frame(seq));
+    }
+    std::string error;
+    {
+        SyslogSpool spool(path, 1 << 20);
+        ASSERT_TRUE(spool.Open(error)) << error;
+        for (const std::string& frame : frames) {
+            spool.Push(frame);
+        }
+        ASSERT_TRUE(spool.Persist());  // the collector is down: all ten in the file
+        // Four sent, the offset fsync'd, then the agent dies (no Close).
+        for (int i = 0; i < 4; ++i) {
+            ASSERT_EQ(spool.Front(), frames[i]);
+            spool.PopFront();
+        }
+        ASSERT_TRUE(spool.Persist());
+    }
+    {
+        SyslogSpool spool(path, 1 << 20);
+        ASSERT_TRUE(spool.Open(error)) << error;
+        EXPECT_EQ(spool.Size(), 6u);
+        EXPECT_EQ(Drain(spool), std::vector<std::string>(frames.begin() + 4, frames.end()));
+        ASSERT_TRUE(spool.Persist());
+    }
+    EXPECT_EQ(ReadFile(path), "");
+
+    // The states a crash can leave between the steps of the upkeep: the file emptied but the
+    // record still naming the old end (all sent), and the file rewritten but the record still
+    // naming the old inode (all of it unsent). And a frame torn by a power cut while appending.
+    std::string all;
+    for (const std::string& frame : frames) {
+        all += frame;
+    }
+    WriteFile(path, "");
+    WriteFile(record, std::to_string(Inode(path)) + " " + std::to_string(all.size()) + "\n");
+    {
+        SyslogSpool spool(path, 1 << 20);
+        ASSERT_TRUE(spool.Open(error)) << error;
+        EXPECT_TRUE(spool.Empty());
+        spool.Push(frames[0]);
+        ASSERT_TRUE(spool.Persist());
+    }
+    {
+        SyslogSpool spool(path, 1 << 20);
+        ASSERT_TRUE(spool.Open(error)) << error;
+        EXPECT_EQ(Drain(spool), std::vector<std::string>{frames[0]})
+            << "a record left beyond the end hides new frames";
+    }
+    WriteFile(path, all + frames[0].substr(0, 20));
+    WriteFile(record, std::to_string(Inode(path) + 1) + " " + std::to_string(frames[0].size()) + "\n");
+    {
+        SyslogSpool spool(path, 1 << 20);
+        ASSERT_TRUE(spool.Open(error)) << error;
+        EXPECT_EQ(Drain(spool), frames);
+    }
+    EXPECT_EQ(ReadFile(path).size(), all.size()) << "the torn frame is cut off";
+
+    // At the bound the oldest are dropped; a rewrite keeps only what was not sent.
+    const std::size_t bound = 3 * frames[0].size();
+    {
+        SyslogSpool spool(path, bound);
+        ASSERT_TRUE(spool.Open(error)) << error;
+        EXPECT_EQ(spool.TakeDropped(), 7u);
+        spool.PopFront();
+        ASSERT_TRUE(spool.Persist(true));
+    }
+    EXPECT_EQ(ReadFile(path), frames[8] + frames[9]);
+    SyslogSpool spool(path, bound);
+    ASSERT_TRUE(spool.Open(error)) << error;
+    EXPECT_EQ(Drain(spool), (std::vector<std::string>{frames[8], frames[9]}));
 }
 
 }  // namespace

@@ -270,16 +270,12 @@ const NetNs& Lab::AddNeighbour(const std::string& name, const std::string& monit
 void Lab::StartAgent(const std::string& policy, const std::string& config) {
     WriteFile(dir.File("agent.json"), config.empty() ? AgentConfigText(PORTSCAN_MODULE_PATH) : config);
     WriteFile(dir.File("portscan.json"), policy);
-    RunAgent();
-    ASSERT_TRUE(WaitForLine(Log(), "Reload BPF rules", Seconds(30)))
-        << "no capture filter loaded; agent stderr:\n"
-        << ReadFile(dir.File("agent.err"));
-}
-
-void Lab::RunAgent() {
     agent =
         std::make_unique<Child>(std::vector<std::string>{HOSTAGENT_PATH, "--config", dir.File("agent.json")},
                                 mon.Name(), dir.File("agent.out"), dir.File("agent.err"));
+    ASSERT_TRUE(WaitForLine(Log(), "Reload BPF rules", Seconds(30)))
+        << "no capture filter loaded; agent stderr:\n"
+        << ReadFile(dir.File("agent.err"));
 }
 
 void Lab::StopAgent() {

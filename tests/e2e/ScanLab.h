@@ -92,8 +92,6 @@ struct Lab {
     // Writes `config` (AgentConfigText when empty) and the policy `policy`, starts the agent and
     // waits until its capture filter is loaded.
     void StartAgent(const std::string& policy, const std::string& config = "");
-    // Starts the agent on the files in place.
-    void RunAgent();
     // SIGTERM; the agent must end with code 0 within 30 s.
     void StopAgent();
     // Runs a bounded scanner in `ns` (the scanner namespace when empty); it exits 0 only when its

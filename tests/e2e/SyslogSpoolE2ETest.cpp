@@ -1,6 +1,7 @@
-// The agent's TCP spool against Debian's rsyslog, both run by the test in a network namespace of
-// its own (loopback only): after kill -9 during a drain every alarm reaches rsyslog exactly once,
-// and a 64 MiB spool drains while the agent's peak RSS stays small.
+// The agent's syslog sinks against Debian's rsyslog, both run by the test in a network namespace of
+// its own (loopback only): rsyslog parses the agent's RFC 5424 messages over TCP and UDP, after
+// kill -9 during a drain of the TCP spool every alarm reaches rsyslog exactly once, and a 64 MiB
+// spool drains while the agent's peak RSS stays small.
 
 #include "ScanLab.h"
 
@@ -20,6 +21,7 @@ using namespace ScanLab;
 namespace {
 
 const char* const kPort = "10516";
+const char* const kUdpPort = "10517";
 
 std::string Frame(int seq) {
     std::string message = "<28>1 2026-11-23T00:00:00.000000Z spooltest hostagent 1 portscan_0002 - " +
@@ -51,14 +53,18 @@ long VmHwmKb(pid_t pid) {
     return -1;
 }
 
+// rsyslog listening on 127.0.0.1 (TCP kPort, UDP kUdpPort) and writing each message as `format`
+// (rsyslog's template syntax), and an agent that spools for it over TCP.
 struct SpoolLab {
-    SpoolLab() : ns("hsp" + std::to_string(getpid())) {
+    explicit SpoolLab(const std::string& format = "%msg%") : ns("hsp" + std::to_string(getpid())) {
         MustRun({"mkdir", "-p", dir.File("rsyslog")});
         WriteFile(dir.File("rsyslog.conf"),
                   "global(workDirectory=\"" + dir.File("rsyslog") + "\" net.enableDNS=\"off\")\n" +
                       "module(load=\"imtcp\")\ninput(type=\"imtcp\" address=\"127.0.0.1\" port=\"" + kPort +
-                      "\")\n" + "template(name=\"msg\" type=\"string\" string=\"%msg%\\n\")\n" +
-                      "action(type=\"omfile\" file=\"" + dir.File("received.log") + "\" template=\"msg\")\n");
+                      "\")\nmodule(load=\"imudp\")\ninput(type=\"imudp\" address=\"127.0.0.1\" port=\"" +
+                      kUdpPort + "\")\n" + "template(name=\"msg\" type=\"string\" string=\"" + format +
+                      "\\n\")\n" + "action(type=\"omfile\" file=\"" + dir.File("received.log") +
+                      "\" template=\"msg\")\n");
         WriteFile(
             dir.File("agent.json"),
             std::string(R"({"log": {"level": "information", "console": false, "file": "log/hostagent.log"},
@@ -84,7 +90,8 @@ struct SpoolLab {
         ASSERT_TRUE(WaitUntil(
             [&] {
                 return Run({"ss", "-ltnH", std::string("sport = :") + kPort}, ns.Name())
-                           .output.find("LISTEN") != std::string::npos;
+                               .output.find("LISTEN") != std::string::npos &&
+                       !Run({"ss", "-lunH", std::string("sport = :") + kUdpPort}, ns.Name()).output.empty();
             },
             Seconds(15)))
             << ReadFile(dir.File("rsyslog.out"));
@@ -97,8 +104,9 @@ struct SpoolLab {
     }
     void StartAgent() {
         agent = std::make_unique<Child>(
-            std::vector<std::string>{HOSTAGENT_PATH, "--config", dir.File("agent.json")}, ns.Name(),
-            dir.File("agent.out"), dir.File("agent.err"));
+            std::vector<std::string>{HOSTAGENT_PATH, "--config", dir.File("agent.json"), "--pid-file",
+                                     dir.File("agent.pid")},
+            ns.Name(), dir.File("agent.out"), dir.File("agent.err"));
     }
     void StopAgent() {
         agent->Signal(SIGTERM);
@@ -205,6 +213,51 @@ TEST(SyslogSpoolE2E, SixtyFourMebibyteSpoolDrainsWithASmallPeakRss) {
     EXPECT_GT(peakKb, 0);
     EXPECT_LT(peakKb, 32 * 1000) << "peak RSS in kB while draining";
     EXPECT_EQ(ReadLines(lab.dir.File("received.log")).size(), static_cast<std::size_t>(count));
+}
+
+TEST(SyslogSpoolE2E, RsyslogParsesTheAgentsMessagesOverTcpAndUdpOnceEach) {
+    if (const std::string why = MissingPrerequisite({"ip", "ss", "rsyslogd"}); !why.empty()) {
+        GTEST_SKIP() << why;
+    }
+    SpoolLab lab("%inputname% %protocol-version% %app-name% %procid% %msgid% %msg%");
+    // The test module sends three events when its policy arrives.
+    WriteFile(lab.dir.File("test.json"), R"({"marker": "interop", "count": 3})");
+    WriteFile(lab.dir.File("agent.json"),
+              std::string(R"({"log": {"level": "information", "console": false, "file": "log/hostagent.log"},
+            "modules": [")") +
+                  TEST_MODULE + R"("], "policies": {"90001": "test.json"},
+            "report": {"sinks": [{"type": "file", "path": "alarms.jsonl"},
+                {"type": "syslog", "address": "127.0.0.1:)" +
+                  kPort + R"(", "protocol": "tcp"},
+                {"type": "syslog", "address": "127.0.0.1:)" +
+                  kUdpPort + R"(", "protocol": "udp"}]}})");
+    ASSERT_NO_FATAL_FAILURE(lab.StartCollector());
+    lab.StartAgent();
+    const std::string pid = std::to_string(lab.agent->Pid());
+    ASSERT_TRUE(WaitUntil([&] { return ReadLines(lab.dir.File("received.log")).size() >= 6; }, Seconds(20)))
+        << ReadFile(lab.dir.File("log/hostagent.log"));
+    EXPECT_EQ(ReadFile(lab.dir.File("agent.pid")), pid + "\n");
+    lab.StopAgent();
+    EXPECT_NE(access(lab.dir.File("agent.pid").c_str(), F_OK), 0) << "the pid file stayed";
+    ASSERT_NO_FATAL_FAILURE(lab.StopCollector());
+
+    // Per filed document, the inputs whose MSG was exactly that document; each header as rsyslog
+    // parsed it (the test module's events carry no event_classid: MSGID is nil).
+    std::map<std::string, std::map<std::string, int>> received, expected;
+    for (const std::string& line : ReadLines(lab.dir.File("received.log"))) {
+        std::istringstream fields(line);
+        std::string input, version, appName, procId, msgId, msg;
+        fields >> input >> version >> appName >> procId >> msgId >> std::ws;
+        std::getline(fields, msg);
+        EXPECT_EQ(version + " " + appName + " " + procId + " " + msgId, "1 hostagent " + pid + " -") << line;
+        ++received[msg][input];
+    }
+    const std::vector<std::string> filed = ReadLines(lab.dir.File("alarms.jsonl"));
+    EXPECT_EQ(filed.size(), 3u);
+    for (const std::string& document : filed) {
+        expected[document] = {{"imtcp", 1}, {"imudp", 1}};
+    }
+    EXPECT_EQ(received, expected);
 }
 
 }  // namespace

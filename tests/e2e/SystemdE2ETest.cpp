@@ -1,9 +1,11 @@
 // The package as systemd runs it: a Debian 12 root file system (mmdebstrap, cached under the build
 // folder) with the package installed by dpkg, booted by systemd-nspawn inside a network namespace the
 // test made, the service started exactly as shipped (the config gains only a local syslog sink). A
-// scanner namespace beside it (private addresses, no default route) scans it with nmap. Checked: the
-// agent's capabilities, the alarms in its file and in the journal, a reload, the status as a member
-// of the monitoring group, the exposure systemd rates, and a stop that leaves nothing unsent.
+// scanner namespace beside it (private addresses, no default route) scans it with nmap. Checked:
+// lintian on the .deb, the installed files and config, the agent's capabilities and pid file, the
+// alarms in its file and in the journal, a rotation with the shipped logrotate file that loses and
+// repeats no alarm, a reload, the status as a member of the monitoring group, the exposure systemd
+// rates, a stop that leaves nothing unsent, and a purge that leaves nothing behind.
 
 #include "ScanLab.h"
 
@@ -26,9 +28,12 @@ namespace {
 const char* const kMonitored = "10.83.1.1";
 const char* const kScanner = "10.83.1.2";
 const int kSourcePort = 42301;
+const std::string kLogDir = "/var/log/hostagent/";
+// Every path whose name mentions the package, so that what an install leaves can be compared.
+const char* const kPathsNamedLikeThePackage = "find /etc /usr /var /run -name '*hostagent*' | sort";
 
 // The packages the root file system holds besides the package's own dependencies.
-const char* const kBasePackages = "systemd,systemd-sysv,dbus,iproute2,procps,util-linux";
+const char* const kBasePackages = "systemd,systemd-sysv,dbus,iproute2,procps,util-linux,logrotate";
 
 // The dependency names of the .deb (versions and alternatives dropped), comma-separated.
 std::string DependencyNames(const std::string& deb) {
@@ -52,7 +57,7 @@ pid_t ContainerInit(pid_t nspawn) {
     const std::string found =
         Run({"sh", "-c",
              "for c in $(pgrep -P " + std::to_string(nspawn) +
-                 "); do for g in $(pgrep -P $c) $c; do [ \"$(cat /proc/$g/comm)\" = systemd ] && "
+                 "); do for g in $(pgrep -P $c) $c; do [ \"$(cat /proc/$g/comm 2>/dev/null)\" = systemd ] && "
                  "echo $g; done; done"})
             .output;
     return found.empty() ? -1 : std::stoi(found);
@@ -62,7 +67,7 @@ class SystemdE2E : public ::testing::Test {
 protected:
     void SetUp() override {
         if (const std::string why = MissingPrerequisite(
-                {"cpack", "dpkg-deb", "mmdebstrap", "systemd-nspawn", "nsenter", "nmap", "ip"});
+                {"cpack", "dpkg-deb", "lintian", "mmdebstrap", "systemd-nspawn", "nsenter", "nmap", "ip"});
             !why.empty()) {
             GTEST_SKIP() << why;
         }
@@ -91,6 +96,7 @@ protected:
         m_root = m_lab->dir.File("rootfs");
         MustRun({"cp", "-a", cache, m_root}, "", Seconds(120));
         MustRun({"cp", m_deb, m_root + "/tmp/hostagent.deb"});
+        m_before = MustRun({"chroot", m_root, "sh", "-c", kPathsNamedLikeThePackage});
         const RunResult installed = TestSupport::Run({"chroot", m_root, "dpkg", "-i", "/tmp/hostagent.deb"});
         ASSERT_EQ(installed.code, 0) << installed.output;
         // A monitoring user in the package's group, and the local syslog sink in the config.
@@ -132,12 +138,25 @@ protected:
     std::string File(const std::string& path) const { return ReadFile(m_root + path); }
 
     std::unique_ptr<Lab> m_lab;
-    std::string m_deb, m_root;
+    std::string m_deb, m_root, m_before;
     std::unique_ptr<Child> m_container;
     pid_t m_init = -1;
 };
 
-TEST_F(SystemdE2E, TheShippedServiceRunsDetectsReloadsReportsAndStopsUnderSystemd) {
+TEST_F(SystemdE2E, TheShippedServiceRunsDetectsRotatesReloadsReportsStopsAndPurgesUnderSystemd) {
+    const RunResult lint = TestSupport::Run({"lintian", "--no-cfg", m_deb}, "", Seconds(300));
+    EXPECT_FALSE(std::regex_search(lint.output, std::regex("^E: ", std::regex::multiline))) << lint.output;
+    // Installed: root's files nobody else may write, a unit systemd finds sound, a config that checks out.
+    EXPECT_EQ(In({"find", "/usr/sbin/hostagent", "/usr/lib/hostagent", "/etc/hostagent", "(", "-perm", "/022",
+                  "-o", "!", "-user", "root", ")"})
+                  .output,
+              "");
+    const RunResult verify = In({"systemd-analyze", "verify", "--man=no", "hostagent.service"});
+    EXPECT_EQ(verify.code, 0) << verify.output;
+    EXPECT_EQ(In({"hostagent", "--version"}).output, "hostagent " PACKAGE_VERSION "\n");
+    EXPECT_EQ(In({"hostagent", "--config", "/etc/hostagent/agent.json", "--check-config"}).output,
+              "configuration OK\n");
+
     // Started at boot (the package enabled it), and ready only once its policy was delivered.
     ASSERT_TRUE(WaitUntil(
         [&] {
@@ -148,16 +167,17 @@ TEST_F(SystemdE2E, TheShippedServiceRunsDetectsReloadsReportsAndStopsUnderSystem
     EXPECT_EQ(In({"systemctl", "show", "-p", "Type,WatchdogUSec,NRestarts", "hostagent"}).output,
               "Type=notify\nWatchdogUSec=1min\nNRestarts=0\n");
     const std::string pid = In({"systemctl", "show", "-p", "MainPID", "--value", "hostagent"}).output;
+    EXPECT_EQ(In({"cat", "/run/hostagent/hostagent.pid"}).output, pid);
     // Exactly CAP_DAC_READ_SEARCH (2), CAP_NET_RAW (13) and CAP_SYS_PTRACE (19), bounding set included.
     const std::string caps =
         In({"grep", "-E", "^Cap(Prm|Eff|Bnd)", "/proc/" + pid.substr(0, pid.size() - 1) + "/status"}).output;
     EXPECT_EQ(caps, "CapPrm:\t0000000000082004\nCapEff:\t0000000000082004\nCapBnd:\t0000000000082004\n");
 
     // A scan from the neighbour: alarms in the file and, through the local syslog sink, the journal.
-    ASSERT_TRUE(WaitForLine(m_root + "/var/log/hostagent/hostagent.log", "Reload BPF rules", Seconds(20)));
+    const std::string log = m_root + kLogDir + "hostagent.log", alarmFile = m_root + kLogDir + "alarms.jsonl";
+    ASSERT_TRUE(WaitForLine(log, "Reload BPF rules", Seconds(20)));
     m_lab->Nmap({"-sS"}, "21,23,3389", kSourcePort, kMonitored);
-    ASSERT_TRUE(WaitUntil([&] { return ReadAlarms(m_root + "/var/log/hostagent/alarms.jsonl").size() >= 3; },
-                          Seconds(15)));
+    ASSERT_TRUE(WaitUntil([&] { return ReadAlarms(alarmFile).size() >= 3; }, Seconds(15)));
     EXPECT_TRUE(WaitUntil(
         [&] {
             return Occurrences(In({"journalctl", "-t", "hostagent", "-o", "cat", "--no-pager"}).output,
@@ -174,13 +194,22 @@ TEST_F(SystemdE2E, TheShippedServiceRunsDetectsReloadsReportsAndStopsUnderSystem
               << status.output << "journalctl -t hostagent (last line):\n"
               << In({"journalctl", "-t", "hostagent", "-n", "1", "--no-pager"}).output;
 
+    // Rotation with the shipped file: the agent is told and goes on in new files.
+    const RunResult rotate = In({"logrotate", "-f", "/etc/logrotate.d/hostagent"});
+    ASSERT_EQ(rotate.code, 0) << rotate.output;
+    ASSERT_TRUE(WaitForLine(log, "[Report] Reopening alarm files", Seconds(10)))
+        << "the agent did not reopen its files after the rotation";
+    m_lab->Nmap({"-sS"}, "25", kSourcePort, kMonitored);
+    ASSERT_TRUE(WaitUntil([&] { return ReadAlarms(alarmFile).size() >= 1; }, Seconds(15)))
+        << "no alarm in the new alarm file";
+
     // A reload delivers an edited policy.
     Json::Value policy;
     ASSERT_TRUE(ParseJson(File("/etc/hostagent/policies/portscan.json"), policy));
     policy["content"]["port_scan_task"]["summary_quiet_s"] = 7;
     WriteFile(m_root + "/etc/hostagent/policies/portscan.json", policy.toStyledString());
     EXPECT_EQ(In({"systemctl", "reload", "hostagent"}).code, 0);
-    EXPECT_TRUE(WaitForLine(m_root + "/var/log/hostagent/hostagent.log", "SIGHUP received", Seconds(10)));
+    EXPECT_TRUE(WaitForLine(log, "SIGHUP received", Seconds(10)));
 
     // How exposed systemd rates the service, with systemd itself judging it.
     const RunResult security = In({"systemd-analyze", "security", "--no-pager", "hostagent.service"});
@@ -192,13 +221,30 @@ TEST_F(SystemdE2E, TheShippedServiceRunsDetectsReloadsReportsAndStopsUnderSystem
     EXPECT_LE(std::stod(exposure[1]), 2.5) << security.output;
 
     // A stop leaves nothing unsent: every alarm is in the file, none is reported lost.
-    const size_t alarms = ReadAlarms(m_root + "/var/log/hostagent/alarms.jsonl").size();
+    const size_t alarms = ReadAlarms(alarmFile).size();
     EXPECT_EQ(In({"systemctl", "stop", "hostagent"}).code, 0);
-    const std::string log = File("/var/log/hostagent/hostagent.log");
-    EXPECT_NE(log.find("[Agent] hostagent stopped"), std::string::npos) << log;
-    EXPECT_EQ(log.find("are lost"), std::string::npos) << log;
-    EXPECT_EQ(ReadAlarms(m_root + "/var/log/hostagent/alarms.jsonl").size(), alarms);
+    const std::string text = ReadFile(log);
+    EXPECT_NE(text.find("[Agent] hostagent stopped"), std::string::npos) << text;
+    EXPECT_EQ(text.find("are lost"), std::string::npos) << text;
+    EXPECT_EQ(ReadAlarms(alarmFile).size(), alarms);
     EXPECT_EQ(In({"systemctl", "is-failed", "hostagent"}).output, "inactive\n");
+
+    // No alarm lost or repeated by the rotation: the old and the new alarm file hold, once each, what
+    // the old and the new log say was sent.
+    std::vector<Json::Value> filed = ReadAlarms(alarmFile + ".1"), logged = LoggedAlarms(log + ".1");
+    EXPECT_EQ(filed.size(), 3u);
+    for (const Json::Value& alarm : ReadAlarms(alarmFile)) {
+        filed.push_back(alarm);
+    }
+    for (const Json::Value& alarm : LoggedAlarms(log)) {
+        logged.push_back(alarm);
+    }
+    EXPECT_EQ(EventIds(filed), EventIds(logged));
+    EXPECT_EQ(EventIds(filed).size(), filed.size());
+
+    const RunResult purge = In({"dpkg", "--purge", "hostagent"}, Seconds(120));
+    EXPECT_EQ(purge.code, 0) << purge.output;
+    EXPECT_EQ(In({"sh", "-c", kPathsNamedLikeThePackage}).output, m_before) << "the purge left files behind";
 }
 
 }  // namespace
