@@ -1,5 +1,6 @@
 // The config reader as a pure function: text in, config or one problem line out.
 #include "AgentConfig.h"
+#include "PolicyFile.h"
 
 #include <gtest/gtest.h>
 
@@ -24,6 +25,8 @@ TEST(AgentConfigTest, EachProblemNamesTheFileAndTheKey) {
     } cases[] = {
         {R"({"modules": ["m.so"],)", "not valid JSON"},
         {R"({"module": ["m.so"]})", "unknown key \"module\""},
+        // A key with a line break cannot forge a line of its own.
+        {"{\"module\nconfiguration OK\": 1}", "unknown key \"module\\x0aconfiguration OK\""},
         {R"({"log": {"level": "loud"}})", "\"log.level\": unknown level \"loud\""},
         {R"({"cpu_limit_percent": 101})", "\"cpu_limit_percent\" must be an integer 0..100, not 101"},
         {R"({"connect": ["host"]})", "\"connect[0]\": \"host\" is not of the form address:port"},
@@ -83,6 +86,23 @@ TEST(AgentConfigTest, ValidConfigTakesDefaultsAndResolvesPaths) {
     ASSERT_EQ(config.sinks.size(), 1u);
     EXPECT_EQ(config.sinks[0].kind, Engine::ReportSink::Kind::Stdout);
     EXPECT_EQ(config.statusFile, "/etc/hostagent/hostagent.status.json");
+}
+
+// What --check-config reads beyond the config: the module files, then each policy file and its text.
+TEST(AgentConfigTest, MissingFilesAndPoliciesThatAreNoObjectAreNamed) {
+    AgentConfig config;
+    std::string error;
+    ASSERT_TRUE(ParseAgentConfig(kFile, R"({"modules": ["none.so"]})", config, error)) << error;
+    EXPECT_FALSE(HostAgent::CheckModuleFiles(config, error));
+    EXPECT_EQ(error, std::string(kFile) + ": module file /etc/hostagent/none.so does not exist");
+    std::string text;
+    EXPECT_FALSE(HostAgent::ReadPolicyFile("/nonexistent/none.json", text, error));
+    EXPECT_EQ(error, "No such file or directory");
+    for (const auto& [policy, problem] : {std::pair<std::string, const char*>{"[1]", "not a JSON object"},
+                                          {"{\"a\": " + DeeplyNested() + "}", "nested too deeply"}}) {
+        EXPECT_FALSE(HostAgent::CheckPolicyText(policy, error));
+        EXPECT_NE(error.find(problem), std::string::npos) << error;
+    }
 }
 
 }  // namespace

@@ -4,9 +4,13 @@
 // over IPv4. Two agent runs with every opt-in switch on (alarms leave at once, within the first
 // minute): with "ipv6" on, a white-listed and a global scanner raise nothing, a unique-local scanner
 // raises one alarm per watched port, a port an IPv6 listener takes raises nothing; with "ipv6" absent,
-// IPv6 scans raise nothing, and over IPv4 an unpaced SYN pass over ten ports and an unpaced probe of
-// a UDP port numbered below them raise their alarms within seconds while the client of an IPv6
-// wildcard service raises nothing.
+// IPv6 scans raise nothing, nor does a scan of an address the host gained after the start (not
+// followed), and over IPv4 an unpaced SYN pass over ten ports and an unpaced probe of a UDP port
+// numbered below them raise their alarms within seconds while the client of an IPv6 wildcard service
+// raises nothing. A third run changes things while it goes on: an IPv6-only listener leaves its port
+// open to IPv4 evidence under "dual_stack_occupancy"; an address the host gains is watched at once
+// with "follow_address_changes"; a policy edit that is not JSON leaves detection on; a policy that
+// turns "ipv6" off closes IPv6 capture at once.
 
 #include "ScanLab.h"
 
@@ -17,7 +21,7 @@
 #include <ctime>
 #include <memory>
 #include <set>
-#include <tuple>
+#include <thread>
 
 using namespace TestSupport;
 using namespace ScanLab;
@@ -31,6 +35,7 @@ const char* const kScanner6 = "fd00:79::2";
 const char* const kWhiteScanner6 = "fd00:79::3";
 const char* const kGlobalMonitored6 = "2001:db8:79::1";
 const char* const kGlobalScanner6 = "2001:db8:79::2";
+const char* const kLaterAddress = "10.79.1.9";  // gained after the agent started
 
 // Ten closed TCP ports for one SYN pass, a TCP port a dual-stack listener takes once capture runs,
 // and a UDP port numbered below all of them (the order the set of records cannot search).
@@ -45,20 +50,12 @@ const std::string kTcpPorts = "2501-2510";
 class PortScanIpv6E2E : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (const std::string why = MissingPrerequisite({"ip", "ss", "nmap", "nc"}); !why.empty()) {
+        if (const std::string why = MissingPrerequisite({"ip", "ss", "nmap", "nc", "python3"});
+            !why.empty()) {
             GTEST_SKIP() << why;
         }
         m_lab = std::make_unique<Lab>("e2v", kMonitored4, kScanner4);
-        // No duplicate address detection: the addresses are usable at once.
-        for (const auto& [ns, device, address] :
-             {std::make_tuple(&m_lab->mon, "to-scan", kMonitored6),
-              std::make_tuple(&m_lab->mon, "to-scan", kGlobalMonitored6),
-              std::make_tuple(&m_lab->scanner, "eth0", kScanner6),
-              std::make_tuple(&m_lab->scanner, "eth0", kWhiteScanner6),
-              std::make_tuple(&m_lab->scanner, "eth0", kGlobalScanner6)}) {
-            MustRun({"ip", "-n", ns->Name(), "addr", "add", std::string(address) + "/64", "dev", device,
-                     "nodad"});
-        }
+        m_lab->AddAddresses({kMonitored6, kGlobalMonitored6}, {kScanner6, kWhiteScanner6, kGlobalScanner6});
     }
 
     // Starts the agent with every switch on and "ipv6" as given; returns once its IPv4 capture filter
@@ -91,11 +88,7 @@ protected:
     // One nmap run from the scanner namespace, over IPv6 when `source` is given.
     void Nmap(const std::string& kind, const std::string& ports, const std::string& target,
               const std::string& source = "") {
-        std::vector<std::string> options = {kind};
-        if (!source.empty()) {
-            options.insert(options.end(), {"-6", "-S", source, "-e", "eth0"});
-        }
-        m_lab->Nmap(options, ports, kind == "-sU" ? kUdpSourcePort : kTcpSourcePort, target);
+        m_lab->Nmap({kind}, ports, kind == "-sU" ? kUdpSourcePort : kTcpSourcePort, target, source);
     }
 
     // `count` alarms in the alarm file within 5 s.
@@ -175,6 +168,10 @@ TEST_F(PortScanIpv6E2E, WithoutTheKeyIpv6ScansRaiseNothingAndIpv4BurstsAlarmAtOn
     // IPv6 scans first: had they been seen, their evidence would name the IPv6 scanner.
     Nmap("-sS", kTcpPorts, kMonitored6, kScanner6);
     Nmap("-sU", std::to_string(kUdpPort), kMonitored6, kScanner6);
+    // An address gained after the start is not followed: had its scan been seen, its alarms would
+    // name it.
+    m_lab->AddAddresses({kLaterAddress}, {});
+    Nmap("-sS", kTcpPorts, kLaterAddress);
     // One unpaced pass: the ten SYNs arrive together and each port raises its alarm at once.
     Nmap("-sS", kTcpPorts, kMonitored4);
     ExpectAlarmsPromptly(kTcpPortCount);
@@ -188,6 +185,68 @@ TEST_F(PortScanIpv6E2E, WithoutTheKeyIpv6ScansRaiseNothingAndIpv4BurstsAlarmAtOn
     Nmap("-sU", std::to_string(kUdpPort), kMonitored4);
     ExpectAlarmsPromptly(kTcpPortCount + 1);
     StopAndExpectScanAlarms(kMonitored4, kScanner4);
+}
+
+TEST_F(PortScanIpv6E2E, SwitchesAndEditsTakeEffectWhileScansGoOn) {
+    // A port an IPv6-only listener holds, one probed on an address added after the start, one probed
+    // after a broken policy edit, one probed over IPv6 after "ipv6" was turned off.
+    const unsigned kV6OnlyPort = 2601, kLaterAddressPort = 2602, kAfterBrokenEditPort = 2603,
+                   kAfterIpv6OffPort = 2604;
+    auto policy = [&](bool ipv6) {
+        Json::Value task = SwitchesOnTask(
+            {{kV6OnlyPort, 0}, {kLaterAddressPort, 0}, {kAfterBrokenEditPort, 0}, {kAfterIpv6OffPort, 0}});
+        task["follow_address_changes"] = true;
+        if (ipv6) {
+            task["ipv6"] = true;
+        }
+        return FeaturePolicyText(task, ipv6 ? "on" : "ipv6-off");
+    };
+    auto alarmedPorts = [&](size_t count) { return AlarmPorts(m_lab->WaitForAlarms(count)); };
+    ASSERT_NO_FATAL_FAILURE(m_lab->StartAgent(policy(true)));
+    ASSERT_TRUE(
+        WaitUntil([&] { return !AttachedFilter(m_lab->mon.Name(), m_lab->agent->Pid(), "ipv6").empty(); },
+                  Seconds(10)));
+
+    // An IPv6-only socket on the port: no IPv4 client can reach it, so an IPv4 probe is evidence.
+    m_listener = std::make_unique<Child>(
+        std::vector<std::string>{"python3", "-c",
+                                 "import socket,time\n"
+                                 "s=socket.socket(socket.AF_INET6)\n"
+                                 "s.setsockopt(socket.IPPROTO_IPV6,socket.IPV6_V6ONLY,1)\n"
+                                 "s.bind(('::'," +
+                                     std::to_string(kV6OnlyPort) + "))\ns.listen()\ntime.sleep(120)\n"},
+        m_lab->mon.Name(), "/dev/null", "/dev/null");
+    ASSERT_TRUE(m_lab->WaitListening(kV6OnlyPort));
+    Nmap("-sS", std::to_string(kV6OnlyPort), kMonitored4);
+    EXPECT_EQ(alarmedPorts(1).count(kV6OnlyPort), 1u) << ReadFile(m_lab->Log());
+
+    // An address the host gains after the filters were built.
+    m_lab->AddAddresses({kLaterAddress}, {});
+    ASSERT_TRUE(
+        WaitForLine(m_lab->Log(), "[PortScan] Local addresses changed, reloading filters", Seconds(10)));
+    ASSERT_TRUE(WaitForLine(m_lab->Log(), "[PortScan] Reload BPF rules", Seconds(10)));
+    Nmap("-sS", std::to_string(kLaterAddressPort), kLaterAddress);
+    EXPECT_EQ(alarmedPorts(2).count(kLaterAddressPort), 1u) << ReadFile(m_lab->Log());
+
+    // A broken edit is refused; detection goes on with the policy in force.
+    WriteFile(m_lab->dir.File("portscan.json"), "{\"content\": ");
+    ASSERT_TRUE(WaitForLine(m_lab->Log(), "refused: not valid JSON", Seconds(10)));
+    Nmap("-sS", std::to_string(kAfterBrokenEditPort), kMonitored4);
+    EXPECT_EQ(alarmedPorts(3).count(kAfterBrokenEditPort), 1u) << ReadFile(m_lab->Log());
+
+    // "ipv6" turned off with the same ports: the IPv6 socket goes at once, IPv6 probes are not seen.
+    WriteFile(m_lab->dir.File("portscan.json"), policy(false));
+    ASSERT_TRUE(WaitUntil(
+        [&] { return AttachedFilter(m_lab->mon.Name(), m_lab->agent->Pid(), "ipv6").empty(); }, Seconds(10)))
+        << "the IPv6 socket stayed open";
+    Nmap("-sS", std::to_string(kAfterIpv6OffPort), kMonitored6, kScanner6);
+    std::this_thread::sleep_for(Seconds(3));
+    EXPECT_EQ(AlarmPorts(ReadAlarms(m_lab->AlarmFile())).count(kAfterIpv6OffPort), 0u)
+        << "an IPv6 probe alarmed with ipv6 off";
+    m_lab->StopAgent();
+    for (const Json::Value& alarm : ReadAlarms(m_lab->AlarmFile())) {
+        EXPECT_EQ(alarm["network_info"]["remote_address"].asString(), kScanner4);
+    }
 }
 
 }  // namespace

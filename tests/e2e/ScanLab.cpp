@@ -12,6 +12,7 @@
 #include <memory>
 #include <regex>
 #include <sstream>
+#include <tuple>
 
 namespace ScanLab {
 
@@ -267,6 +268,22 @@ const NetNs& Lab::AddNeighbour(const std::string& name, const std::string& monit
     return *neighbours.back();
 }
 
+void Lab::AddAddresses(std::initializer_list<const char*> monitored,
+                       std::initializer_list<const char*> scanning) {
+    for (const auto& [ns, device, addresses] :
+         {std::make_tuple(&mon, "to-scan", monitored), std::make_tuple(&scanner, "eth0", scanning)}) {
+        for (const std::string address : addresses) {
+            const bool v6 = address.find(':') != std::string::npos;
+            std::vector<std::string> argv = {
+                "ip", "-n", ns->Name(), "addr", "add", address + (v6 ? "/64" : "/24"), "dev", device};
+            if (v6) {
+                argv.push_back("nodad");
+            }
+            MustRun(argv);
+        }
+    }
+}
+
 void Lab::StartAgent(const std::string& policy, const std::string& config) {
     WriteFile(dir.File("agent.json"), config.empty() ? AgentConfigText(PORTSCAN_MODULE_PATH) : config);
     WriteFile(dir.File("portscan.json"), policy);
@@ -291,10 +308,20 @@ void Lab::Scan(const std::vector<std::string>& argv, const std::string& ns) {
     EXPECT_EQ(0, result.code) << argv[0] << " failed:\n" << result.output;
 }
 
+void Lab::SpoofedSyns(const std::string& spoofed, unsigned port, int count, const std::string& interval,
+                      const std::string& target) {
+    Run({"hping3", "-q", "-S", "-a", spoofed, "-c", std::to_string(count), "-i", interval, "-p",
+         std::to_string(port), target},
+        scanner.Name(), Seconds(30));
+}
+
 void Lab::Nmap(const std::vector<std::string>& options, const std::string& ports, int sourcePort,
-               const std::string& target) {
+               const std::string& target, const std::string& source6) {
     std::vector<std::string> argv = {"nmap"};
     argv.insert(argv.end(), options.begin(), options.end());
+    if (!source6.empty()) {
+        argv.insert(argv.end(), {"-6", "-S", source6, "-e", "eth0"});
+    }
     argv.insert(argv.end(), {"-Pn", "-n", "-p", ports, "-g", std::to_string(sourcePort), "--max-retries", "1",
                              "--host-timeout", "30s", target});
     Scan(argv);

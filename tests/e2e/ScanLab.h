@@ -89,6 +89,10 @@ struct Lab {
     // A further namespace joined to the monitored one ("to-<name>" there, "eth0" in it).
     const TestSupport::NetNs& AddNeighbour(const std::string& name, const std::string& monitoredAddr,
                                            const std::string& addr);
+    // More addresses on the veth pair: IPv6 ones ("fd00::1") as /64 without duplicate address
+    // detection, so they are usable at once; IPv4 ones as /24.
+    void AddAddresses(std::initializer_list<const char*> monitored,
+                      std::initializer_list<const char*> scanning);
     // Writes `config` (AgentConfigText when empty) and the policy `policy`, starts the agent and
     // waits until its capture filter is loaded.
     void StartAgent(const std::string& policy, const std::string& config = "");
@@ -97,10 +101,14 @@ struct Lab {
     // Runs a bounded scanner in `ns` (the scanner namespace when empty); it exits 0 only when its
     // probes went out and were answered (a reset or an ICMP error counts).
     void Scan(const std::vector<std::string>& argv, const std::string& ns = "");
+    // `count` hping3 SYNs from the scanner namespace to `target`:`port`, `interval` apart, claiming the
+    // source `spoofed`. Nobody answers it, so hping3's exit code says nothing (the agent's log does).
+    void SpoofedSyns(const std::string& spoofed, unsigned port, int count, const std::string& interval,
+                     const std::string& target);
     // One unpaced nmap run from the scanner namespace: `options` (the scan kind first) against
-    // `target` from `sourcePort`, one retry at most.
+    // `target` from `sourcePort`, one retry at most; over IPv6 from `source6` when given.
     void Nmap(const std::vector<std::string>& options, const std::string& ports, int sourcePort,
-              const std::string& target);
+              const std::string& target, const std::string& source6 = "");
     // Waits until a TCP socket of the monitored namespace listens on `port`.
     bool WaitListening(unsigned port);
     // The alarm file once it holds `count` alarms (what it holds when `limit` passes first).

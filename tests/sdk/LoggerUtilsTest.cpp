@@ -12,13 +12,10 @@ namespace {
 
 using SDK::LoggerUtils;
 
-// Declared first: run as the binary's first case, nothing has configured logging yet.
-TEST(LoggerUtilsTest, ModuleLoggerIsNullBeforeConfigure) {
+// Declared first: run as the binary's first case, it starts before anything configured logging.
+TEST(LoggerUtilsTest, NoModuleLoggerBeforeConfigureThenLineFormatAndLevelFiltering) {
     EXPECT_EQ(LoggerUtils::GetInstance()->GetModuleLogger("portscan_module", false), nullptr);
     EXPECT_NE(LoggerUtils::GetInstance()->GetRootLogger(), nullptr);
-}
-
-TEST(LoggerUtilsTest, LineFormatAndLevelFiltering) {
     const std::regex stamp(R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} )");
     const std::string text = "100% of %s (%zu) {kept} as is\\";  // written as is, never formatted
     const std::pair<int, std::string> priorities[] = {
@@ -47,13 +44,41 @@ TEST(LoggerUtilsTest, LineFormatAndLevelFiltering) {
     }
 }
 
-TEST(LoggerUtilsTest, BurstFromOneSourceLineIsCappedAndSummarised) {
+// Lines bounded by what they report pass the budget: table rows (exempt) and distinct texts of one
+// source line (alarm lines of distinct ports, distinct findings); one text repeated is held back,
+// and reopening the log (a rotation) first writes the summary of what was held back. A burst from
+// one source line is capped, and summarised once its window closes or a flush closes every window.
+TEST(LoggerUtilsTest, BudgetPassesBoundedLinesAndCapsAndSummarisesBursts) {
     TestSupport::TempDir dir;
     std::string error;
-    ASSERT_TRUE(LoggerUtils::GetInstance()->Configure({"debug", false, dir.File("agent.log")}, error))
-        << error;
+    const SDK::LogSettings settings{"debug", false, dir.File("agent.log")};
+    ASSERT_TRUE(LoggerUtils::GetInstance()->Configure(settings, error)) << error;
     Poco::Logger* module = LoggerUtils::GetInstance()->GetModuleLogger("portscan_module", false);
     ASSERT_NE(module, nullptr);
+    auto budgeted = [&](const std::string& text, int line, SDK::LogBudget budget) {
+        Poco::Message msg(module->name(), text, Poco::Message::PRIO_DEBUG, "/src/Task.cpp", line);
+        SDK::SetLogBudget(msg, budget);
+        module->log(msg);
+    };
+    for (int i = 0; i < 100; ++i) {
+        budgeted("  Port " + std::to_string(i), 70, SDK::LogBudget::kExempt);
+        budgeted("Alarm found, port [" + std::to_string(i) + "]", 71, SDK::LogBudget::kPerText);
+        budgeted("Alarm found, port [7]", 72, SDK::LogBudget::kPerText);
+    }
+    ASSERT_TRUE(LoggerUtils::GetInstance()->Configure(settings, error)) << error;
+    std::size_t rows = 0, distinct = 0, repeated = 0, summaries = 0;
+    for (const std::string& line : TestSupport::ReadLines(dir.File("agent.log"))) {
+        rows += line.find(":70:   Port ") != std::string::npos;
+        distinct += line.find(":71: Alarm found") != std::string::npos;
+        repeated += line.find(":72: Alarm found") != std::string::npos;
+        summaries += line.find("[Log] 60 more line(s) from Task.cpp:72 suppressed") != std::string::npos;
+    }
+    EXPECT_EQ(rows, 100u);
+    EXPECT_EQ(distinct, 100u);
+    EXPECT_EQ(repeated, 40u);
+    EXPECT_EQ(summaries, 1u);
+
+    module = LoggerUtils::GetInstance()->GetModuleLogger("portscan_module", false);
     auto log = [&](const std::string& text, Poco::Message::Priority priority, int line) {
         module->log(Poco::Message(module->name(), text, priority, "/src/SocketUtil.cpp", line));
     };
@@ -101,39 +126,6 @@ TEST(LoggerUtilsTest, BurstFromOneSourceLineIsCappedAndSummarised) {
                                 "SocketUtil.cpp:60 suppressed"),
               std::string::npos)
         << lines.back();
-}
-
-// Lines bounded by what they report pass the budget: table rows (exempt) and distinct texts of one
-// source line (alarm lines of distinct ports, distinct findings); one text repeated is still held
-// back, and reopening the log (a rotation) first writes the summary of what was held back.
-TEST(LoggerUtilsTest, TableRowsAndDistinctTextsPassTheBudgetAndAReopenFlushesSummaries) {
-    TestSupport::TempDir dir;
-    std::string error;
-    const SDK::LogSettings settings{"debug", false, dir.File("agent.log")};
-    ASSERT_TRUE(LoggerUtils::GetInstance()->Configure(settings, error)) << error;
-    Poco::Logger* module = LoggerUtils::GetInstance()->GetModuleLogger("portscan_module", false);
-    auto log = [&](const std::string& text, int line, SDK::LogBudget budget) {
-        Poco::Message msg(module->name(), text, Poco::Message::PRIO_DEBUG, "/src/Task.cpp", line);
-        SDK::SetLogBudget(msg, budget);
-        module->log(msg);
-    };
-    for (int i = 0; i < 100; ++i) {
-        log("  Port " + std::to_string(i), 70, SDK::LogBudget::kExempt);
-        log("Alarm found, port [" + std::to_string(i) + "]", 71, SDK::LogBudget::kPerText);
-        log("Alarm found, port [7]", 72, SDK::LogBudget::kPerText);
-    }
-    ASSERT_TRUE(LoggerUtils::GetInstance()->Configure(settings, error)) << error;
-    std::size_t rows = 0, distinct = 0, repeated = 0, summaries = 0;
-    for (const std::string& line : TestSupport::ReadLines(dir.File("agent.log"))) {
-        rows += line.find(":70:   Port ") != std::string::npos;
-        distinct += line.find(":71: Alarm found") != std::string::npos;
-        repeated += line.find(":72: Alarm found") != std::string::npos;
-        summaries += line.find("[Log] 60 more line(s) from Task.cpp:72 suppressed") != std::string::npos;
-    }
-    EXPECT_EQ(rows, 100u);
-    EXPECT_EQ(distinct, 100u);
-    EXPECT_EQ(repeated, 40u);
-    EXPECT_EQ(summaries, 1u);
 }
 
 }  // namespace
