@@ -737,7 +737,16 @@ bool SocketUtil::LoadPort6BpfRules(int fd, std::vector<long> ports, bool reporta
     filter.len = static_cast<unsigned short>(program.size());
     filter.filter = program.data();
     if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter)) != 0) {
+        const int error = errno;
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[SocketUtil] Cant set ip6 filter");
+        if (error == ENOMEM) {
+            // The kernel charges a filter against net.core.optmem_max after converting it, which
+            // multiplies its size: many IPv6 addresses (18 instructions each) can exceed it.
+            PORTSCAN_LOG(Poco::Message::PRIO_ERROR,
+                          "[SocketUtil] The IPv6 filter for %z address(es) and %z port(s) exceeds "
+                          "net.core.optmem_max; raise it or watch fewer ports",
+                          addresses.size(), ports.size());
+        }
         return false;
     }
     return true;

@@ -8,10 +8,8 @@
 #include <unistd.h>
 
 #include <ctime>
-#include <filesystem>
 #include <iostream>
 #include <iterator>
-#include <map>
 #include <sstream>
 #include <thread>
 
@@ -82,22 +80,6 @@ double CpuSeconds(pid_t pid) {
     std::istringstream in(stat.substr(stat.rfind(')') + 2));
     const std::vector<std::string> fields{std::istream_iterator<std::string>(in), {}};
     return (std::stod(fields[11]) + std::stod(fields[12])) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
-// Context switches (voluntary and not) of every thread of the process, by "tid name".
-std::map<std::string, long> SwitchesByThread(pid_t pid) {
-    std::map<std::string, long> switches;
-    const std::string tasks = "/proc/" + std::to_string(pid) + "/task/";
-    for (const auto& entry : std::filesystem::directory_iterator(tasks)) {
-        const std::string tid = entry.path().filename(), name = ReadFile(tasks + tid + "/comm");
-        long& count = switches[tid + " " + name.substr(0, name.find('\n'))];
-        for (const std::string& line : ReadLines(tasks + tid + "/status")) {
-            if (line.find("ctxt_switches:") != std::string::npos) {
-                count += std::stol(line.substr(line.find(':') + 1));
-            }
-        }
-    }
-    return switches;
 }
 
 TEST(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
@@ -175,6 +157,8 @@ TEST(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
 }
 
 // Needs no root: without CAP_NET_RAW the capture socket cannot be built, which is the case measured.
+// With nothing to watch the loop has nothing to wait on: only the CPU governor keeps it from a core.
+// (Idle wake-ups of a capturing agent are measured by `make bench`.)
 TEST(AgentBoundsE2E, EmptyMonitorListStaysUnderTheCpuLimitAndAFailingSocketBuildUnderTheLogBound) {
     const int limit = ShippedCpuLimit();
     ASSERT_GT(limit, 0) << "the shipped config must bound the CPU";
@@ -194,24 +178,6 @@ TEST(AgentBoundsE2E, EmptyMonitorListStaysUnderTheCpuLimitAndAFailingSocketBuild
         << ReadFile(failDir.File("agent.err"));
     const auto failingSince = std::chrono::steady_clock::now();
 
-    // The shipped config and policy, capturing in a namespace of its own where no traffic flows:
-    // its wake-ups are measured while the other two agents are.
-    std::unique_ptr<NetNs> quietNs;
-    TempDir quietDir;
-    std::unique_ptr<Child> quiet;
-    std::map<std::string, long> quietBefore;
-    std::chrono::steady_clock::time_point quietSince;
-    if (geteuid() == 0) {
-        RemoveStaleNamespaces("quiet");
-        quietNs = std::make_unique<NetNs>("quiet" + std::to_string(getpid()));
-        quiet = StartIn(quietDir, Config(limit, 60, 86400), ReadFile(SHIPPED_POLICY), quietNs->Name());
-        ASSERT_TRUE(WaitForLine(quietDir.File("log/hostagent.log"), "Reload BPF rules", Seconds(15)))
-            << ReadFile(quietDir.File("log/hostagent.log"));
-        sleep(1);
-        quietBefore = SwitchesByThread(quiet->Pid());
-        quietSince = std::chrono::steady_clock::now();
-    }
-
     // CPU of the idle agent over 10 s, once it has settled.
     ASSERT_TRUE(WaitForLine(idleDir.File("log/hostagent.log"), "first run port_scan_task", Seconds(15)));
     sleep(2);
@@ -220,25 +186,6 @@ TEST(AgentBoundsE2E, EmptyMonitorListStaysUnderTheCpuLimitAndAFailingSocketBuild
     const double share = (CpuSeconds(idle->Pid()) - before) * 10.0;  // percent of one core over 10 s
     EXPECT_LE(share, limit + 2.0) << "an agent with nothing to watch used " << share << " % of a core";
     std::cout << "idle agent CPU: " << share << " % of a core (limit " << limit << " %)\n";
-
-    if (quiet) {
-        constexpr int kQuietSeconds = 25;
-        std::this_thread::sleep_until(quietSince + std::chrono::seconds(kQuietSeconds));
-        long total = 0;
-        long besideTheModuleLoop = 0;
-        for (const auto& [thread, count] : SwitchesByThread(quiet->Pid())) {
-            const long woken = count - quietBefore[thread];
-            total += woken;
-            besideTheModuleLoop += thread.find("port_scan_task") == std::string::npos ? woken : 0;
-            std::cout << "idle wake-ups of " << thread << ": " << double(woken) / kQuietSeconds << " /s\n";
-        }
-        std::cout << "idle wake-ups in all: " << double(total) / kQuietSeconds << " /s\n";
-        // The module's loop wakes twice a second (its one-second wait, then its 10 ms pause); the
-        // rest of the agent sleeps but for the status file's minute write.
-        EXPECT_LE(double(total) / kQuietSeconds, 2.1);
-        EXPECT_LE(besideTheModuleLoop, 2) << "the agent's own threads woke while idle";
-        EXPECT_TRUE(quiet->Running());
-    }
 
     std::this_thread::sleep_until(failingSince + std::chrono::seconds(60));
     const std::size_t lines = ReadLines(failLog).size();

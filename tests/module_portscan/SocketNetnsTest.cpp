@@ -267,6 +267,33 @@ TEST_F(PortScanNetns, ReportableSourcesOnlyAdmitsExactlyThePrivateRanges) {
     EXPECT_FALSE(attached);
 }
 
+// A hundred local addresses take the IPv6 filter's long jumps; the kernel runs it as built, with and
+// without a port list.
+TEST_F(PortScanNetns, Ipv6FilterOverAHundredLocalAddresses) {
+    for (int i = 1; i <= 100; ++i) {
+        TestSupport::MustRun({"ip", "-n", m_cap->Name(), "addr", "add",
+                              "fd00:1::" + std::to_string(i) + "/128", "dev", "vcap", "nodad"});
+    }
+    const int watched = Capture({4001, 4002}, true), any = Capture({}, true);
+    const Probe probes[] = {
+        {"first address", "fd00:231::2", "fd00:1::1", IPPROTO_TCP, 4001, 0, true, true},
+        {"last address", "fd00:231::2", "fd00:1::100", IPPROTO_UDP, 4002, 0, true, true},
+        {"last address, unwatched port", "fd00:231::2", "fd00:1::100", IPPROTO_TCP, 4003, 0, false, true},
+        {"local source", "fd00:1::1", "fd00:1::100", IPPROTO_TCP, 4001, 0, false, false},
+        {"one word off", "fd00:231::2", "fd00:1::1:0:1", IPPROTO_TCP, 4001, 0, false, false},
+    };
+    std::vector<std::vector<unsigned char>> frames;
+    for (size_t i = 0; i < std::size(probes); ++i) {
+        frames.push_back(probes[i].Frame(i));
+    }
+    SendFromPeer(frames);
+    const std::set<size_t> admitted = Admitted(watched, 74, 54), admittedAny = Admitted(any, 74, 54);
+    for (size_t i = 0; i < std::size(probes); ++i) {
+        EXPECT_EQ(probes[i].watched, admitted.count(i) == 1) << probes[i].what;
+        EXPECT_EQ(probes[i].any, admittedAny.count(i) == 1) << probes[i].what << " (no port list)";
+    }
+}
+
 TEST_F(PortScanNetns, SocketDiagnosticsAndRouteDump) {
     RunIn(*m_cap, [&] {
         auto bound = [&](int type, uint16_t port) {
