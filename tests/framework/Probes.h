@@ -1,7 +1,6 @@
 #pragma once
 
-// Pieces of the runtime's tests: policies that count their destruction, a module serving one
-// feature key with them, and a task that records its hooks.
+// Policies that count their frees, a module serving them, and a task that records its hooks.
 
 #include "framework/Message.h"
 #include "framework/Module.h"
@@ -26,24 +25,21 @@ public:
     bool Parse(const std::string&) override { return true; }
 };
 
-// Its text lists the task names it holds a task policy for, separated by commas. Counts its frees.
+// Holds a task policy for each comma-separated task name of its text.
 class CountedPolicy : public Framework::FeaturePolicy {
 public:
     CountedPolicy(const std::string& text, std::atomic<int>* freed)
         : FeaturePolicy("counted"), m_freed(freed) {
-        Parse(text);
-    }
-    ~CountedPolicy() override { ++*m_freed; }
-    bool Parse(const std::string& text) override {
         for (const std::string& name : SDK::StrUtils::Split(text, ",")) {
             Add(new PlainTaskPolicy(name));
         }
-        return true;
     }
+    ~CountedPolicy() override { ++*m_freed; }
+    bool Parse(const std::string&) override { return true; }
     std::atomic<int>* m_freed;
 };
 
-// Serves feature key `key` with CountedPolicy while it exists; counts the policies freed.
+// Serves feature key `key` with CountedPolicy while it exists.
 class CountingModule : public Framework::Module {
 public:
     explicit CountingModule(const std::string& key) : Module("counting_" + key), m_key(key) {
@@ -69,9 +65,7 @@ public:
     std::string m_key;
 };
 
-// Records "I", "R", "U" as its hooks run. Serve: the default message loop, marking at each
-// message; AwaitCancel: takes no message and polls until cancelled (after 10 s it
-// gives up and flags a lost cancel); ReturnAtOnce: Run returns by itself.
+// Records "I", "R", "U" as its hooks run; AwaitCancel flags a cancel not seen within 10 s.
 class ProbeTask : public Framework::Task {
 public:
     enum class Mode { Serve, AwaitCancel, ReturnAtOnce };

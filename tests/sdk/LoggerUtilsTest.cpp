@@ -1,11 +1,11 @@
 #include "sdk/LogStatement.h"
 #include "sdk/LoggerUtils.h"
-
 #include "support/NetLab.h"
 
 #include <Poco/Logger.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <regex>
 
 namespace {
@@ -44,58 +44,53 @@ TEST(LoggerUtilsTest, NoModuleLoggerBeforeConfigureThenLineFormatAndLevelFilteri
     }
 }
 
-// Lines bounded by what they report pass the budget: table rows (exempt) and distinct texts of one
-// source line (alarm lines of distinct ports, distinct findings); one text repeated is held back,
-// and reopening the log (a rotation) first writes the summary of what was held back. A burst from
-// one source line is capped, and summarised once its window closes or a flush closes every window.
+std::size_t Count(const std::vector<std::string>& lines, const std::string& part) {
+    return std::count_if(lines.begin(), lines.end(),
+                         [&](const std::string& line) { return line.find(part) != std::string::npos; });
+}
+
+// Exempt rows and distinct texts pass; a repeated text or a burst is capped and summarised at rotation,
+// when its window closes, or at a flush.
 TEST(LoggerUtilsTest, BudgetPassesBoundedLinesAndCapsAndSummarisesBursts) {
+    using Poco::Message;
     TestSupport::TempDir dir;
     std::string error;
     const SDK::LogSettings settings{"debug", false, dir.File("agent.log")};
     ASSERT_TRUE(LoggerUtils::GetInstance()->Configure(settings, error)) << error;
     Poco::Logger* module = LoggerUtils::GetInstance()->GetModuleLogger("portscan_module", false);
     ASSERT_NE(module, nullptr);
-    auto budgeted = [&](const std::string& text, int line, SDK::LogBudget budget) {
-        Poco::Message msg(module->name(), text, Poco::Message::PRIO_DEBUG, "/src/Task.cpp", line);
+    auto log = [&](const char* file, int line, const std::string& text, Message::Priority priority,
+                   SDK::LogBudget budget = SDK::LogBudget::kPerSourceLine) {
+        Message msg(module->name(), text, priority, file, line);
         SDK::SetLogBudget(msg, budget);
         module->log(msg);
     };
     for (int i = 0; i < 100; ++i) {
-        budgeted("  Port " + std::to_string(i), 70, SDK::LogBudget::kExempt);
-        budgeted("Alarm found, port [" + std::to_string(i) + "]", 71, SDK::LogBudget::kPerText);
-        budgeted("Alarm found, port [7]", 72, SDK::LogBudget::kPerText);
+        log("/src/Task.cpp", 70, "  Port " + std::to_string(i), Message::PRIO_DEBUG, SDK::LogBudget::kExempt);
+        log("/src/Task.cpp", 71, "Alarm found, port [" + std::to_string(i) + "]", Message::PRIO_DEBUG,
+            SDK::LogBudget::kPerText);
+        log("/src/Task.cpp", 72, "Alarm found, port [7]", Message::PRIO_DEBUG, SDK::LogBudget::kPerText);
     }
     ASSERT_TRUE(LoggerUtils::GetInstance()->Configure(settings, error)) << error;
-    std::size_t rows = 0, distinct = 0, repeated = 0, summaries = 0;
-    for (const std::string& line : TestSupport::ReadLines(dir.File("agent.log"))) {
-        rows += line.find(":70:   Port ") != std::string::npos;
-        distinct += line.find(":71: Alarm found") != std::string::npos;
-        repeated += line.find(":72: Alarm found") != std::string::npos;
-        summaries += line.find("[Log] 60 more line(s) from Task.cpp:72 suppressed") != std::string::npos;
-    }
-    EXPECT_EQ(rows, 100u);
-    EXPECT_EQ(distinct, 100u);
-    EXPECT_EQ(repeated, 40u);
-    EXPECT_EQ(summaries, 1u);
+    const std::vector<std::string> rotated = TestSupport::ReadLines(dir.File("agent.log"));
+    EXPECT_EQ(Count(rotated, ":70:   Port "), 100u);
+    EXPECT_EQ(Count(rotated, ":71: Alarm found"), 100u);
+    EXPECT_EQ(Count(rotated, ":72: Alarm found"), 40u);
+    EXPECT_EQ(Count(rotated, "[Log] 60 more line(s) from Task.cpp:72 suppressed"), 1u);
 
     module = LoggerUtils::GetInstance()->GetModuleLogger("portscan_module", false);
-    auto log = [&](const std::string& text, Poco::Message::Priority priority, int line) {
-        module->log(Poco::Message(module->name(), text, priority, "/src/SocketUtil.cpp", line));
-    };
-    // A failing source line interleaved with two quiet ones, one of them on the same file.
+    // A failing source line beside a quiet one of its file; lines with no source are never held back.
     for (int i = 0; i < 400; ++i) {
-        log("socket failed " + std::to_string(i),
-            i == 7 ? Poco::Message::PRIO_ERROR : Poco::Message::PRIO_WARNING, 60);
+        log("/src/SocketUtil.cpp", 60, "socket failed " + std::to_string(i),
+            i == 7 ? Message::PRIO_ERROR : Message::PRIO_WARNING);
         if (i % 40 == 0) {
-            log("other " + std::to_string(i), Poco::Message::PRIO_INFORMATION, 61);
+            log("/src/SocketUtil.cpp", 61, "other " + std::to_string(i), Message::PRIO_INFORMATION);
+        }
+        if (i < 80) {
+            log(nullptr, 0, "sourceless", Message::PRIO_INFORMATION);
         }
     }
-    // No source file: never held back.
-    for (int i = 0; i < 80; ++i) {
-        module->log(Poco::Message(module->name(), "sourceless", Poco::Message::PRIO_INFORMATION));
-    }
-    // The summary falls due when the window closes, a minute after its first line; a flush that
-    // closes every window leaves nothing due.
+    // Due when the window closes, a minute after its first line; a full flush leaves nothing due.
     const auto due = LoggerUtils::GetInstance()->NextSummaryDue();
     const auto now = std::chrono::steady_clock::now();
     EXPECT_GT(due, now + std::chrono::seconds(50));
@@ -106,20 +101,16 @@ TEST(LoggerUtilsTest, BudgetPassesBoundedLinesAndCapsAndSummarisesBursts) {
     const std::vector<std::string> lines = TestSupport::ReadLines(dir.File("agent.log"));
 
     std::vector<std::string> failing;
-    std::size_t others = 0;
-    std::size_t sourceless = 0;
     for (const std::string& line : before) {
-        if (line.find("socket failed ") != std::string::npos) {
-            failing.push_back(line.substr(line.find("socket failed ")));
+        if (const std::size_t at = line.find("socket failed "); at != std::string::npos) {
+            failing.push_back(line.substr(at));
         }
-        others += line.find(": other ") != std::string::npos;
-        sourceless += line.find("sourceless") != std::string::npos;
     }
     ASSERT_EQ(failing.size(), 40u);
     EXPECT_EQ(failing.front(), "socket failed 0");  // the first lines pass exactly as logged
     EXPECT_EQ(failing.back(), "socket failed 39");
-    EXPECT_EQ(others, 10u);
-    EXPECT_EQ(sourceless, 80u);
+    EXPECT_EQ(Count(before, ": other "), 10u);
+    EXPECT_EQ(Count(before, "sourceless"), 80u);
     ASSERT_EQ(lines.size(), before.size() + 1);
     // One summary, at the worst priority held back, naming the source line and the count.
     EXPECT_NE(lines.back().find("[Warning] portscan_module SocketUtil.cpp:60: [Log] 360 more line(s) from "
