@@ -8,15 +8,11 @@
 
 namespace {
 
-using HostAgent::AgentConfig;
-using HostAgent::ParseAgentConfig;
+using namespace HostAgent;
 
 constexpr const char* kFile = "/etc/hostagent/agent.json";
 
-// A JSON text nested deeper than the JSON reader's stack limit (1000 levels).
-std::string DeeplyNested() {
-    return std::string(1001, '[') + std::string(1001, ']');
-}
+const std::string kDeep = std::string(1001, '[') + std::string(1001, ']');  // past the reader's 1000 levels
 
 TEST(AgentConfigTest, EachProblemNamesTheFileAndTheKey) {
     const struct {
@@ -49,7 +45,7 @@ TEST(AgentConfigTest, EachProblemNamesTheFileAndTheKey) {
         {R"({"supervisor": {"restart_delay_s": 0}})",
          "\"supervisor.restart_delay_s\" must be an integer 1..86400"},
         {R"({"supervisor": {"renew_after_s": 31536001}})", "must be an integer 0..31536000"},
-        {"{\"log\": " + DeeplyNested() + "}", "nested too deeply"},
+        {"{\"log\": " + kDeep + "}", "nested too deeply"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text.substr(0, 120));
@@ -93,14 +89,14 @@ TEST(AgentConfigTest, MissingFilesAndPoliciesThatAreNoObjectAreNamed) {
     AgentConfig config;
     std::string error;
     ASSERT_TRUE(ParseAgentConfig(kFile, R"({"modules": ["none.so"]})", config, error)) << error;
-    EXPECT_FALSE(HostAgent::CheckModuleFiles(config, error));
+    EXPECT_FALSE(CheckModuleFiles(config, error));
     EXPECT_EQ(error, std::string(kFile) + ": module file /etc/hostagent/none.so does not exist");
     std::string text;
-    EXPECT_FALSE(HostAgent::ReadPolicyFile("/nonexistent/none.json", text, error));
+    EXPECT_FALSE(ReadPolicyFile("/nonexistent/none.json", text, error));
     EXPECT_EQ(error, "No such file or directory");
     for (const auto& [policy, problem] : {std::pair<std::string, const char*>{"[1]", "not a JSON object"},
-                                          {"{\"a\": " + DeeplyNested() + "}", "nested too deeply"}}) {
-        EXPECT_FALSE(HostAgent::CheckPolicyText(policy, error));
+                                          {"{\"a\": " + kDeep + "}", "nested too deeply"}}) {
+        EXPECT_FALSE(CheckPolicyText(policy, error));
         EXPECT_NE(error.find(problem), std::string::npos) << error;
     }
 }

@@ -17,23 +17,15 @@ namespace {
 
 using namespace TestSupport;
 
-// Generous, because sanitizer builds are slow; a pass is quick.
-constexpr Millis kWait(15000);
-// How soon an edit of a policy file reaches the module, without any signal.
-constexpr Millis kEditSeen(5000);
+constexpr Millis kWait(15000);     // generous for sanitizer builds; a pass is quick
+constexpr Millis kEditSeen(5000);  // how soon a policy file's edit reaches the module, unsignalled
 
 std::string Policy(const std::string& marker, int count = 1, int burstOnStop = 0) {
     return R"({"marker": ")" + marker + R"(", "count": )" + std::to_string(count) + R"(, "burst_on_stop": )" +
            std::to_string(burstOnStop) + "}";
 }
 
-// A JSON text nested deeper than the JSON reader's stack limit (1000 levels).
-std::string DeeplyNested() {
-    return std::string(1001, '[') + std::string(1001, ']');
-}
-
-// The test module's events in a JSON-lines file with this marker and kind; a line that is not a
-// JSON object fails the test.
+// The test module's events with this marker and kind in a JSON-lines file; other lines fail the test.
 std::size_t Count(const std::string& path, const std::string& marker, const std::string& kind) {
     std::size_t count = 0;
     for (const std::string& line : ReadLines(path)) {
@@ -46,8 +38,7 @@ std::size_t Count(const std::string& path, const std::string& marker, const std:
 
 // --check-config on dir/agent.json: its output is one line whatever the result.
 RunResult CheckConfig(const TempDir& dir) {
-    RunResult check =
-        Run({HOSTAGENT_BIN, "--check-config", "--config", dir.File("agent.json")}, "", Seconds(30));
+    RunResult check = Run({HOSTAGENT_BIN, "--check-config", "--config", dir.File("agent.json")});
     EXPECT_EQ(std::count(check.output.begin(), check.output.end(), '\n'), 1) << check.output;
     return check;
 }
@@ -79,33 +70,28 @@ struct Agent {
 TEST(AgentProcessTest, ReportsEventsAndFollowsPolicyEdits) {
     Agent agent(Policy("first"));
     ASSERT_TRUE(agent.WaitFor("first")) << agent.Log();
-    // A text too deeply nested to parse is reported once and does not stop the agent.
-    WriteFile(agent.m_dir.File("test.json"), "{\"a\": " + DeeplyNested() + "}");
-    ASSERT_TRUE(WaitUntil([&] { return agent.Log().find("nested too deeply") != std::string::npos; }, kWait))
-        << agent.Log();
-    // A policy the module would give up is not delivered either: the last good one stays in force,
-    // and the status says why (the agent itself is fine: exit 0).
+    const auto logged = [&](const char* text, Millis within = kWait) {
+        return WaitUntil([&] { return agent.Log().find(text) != std::string::npos; }, within);
+    };
+    // Nested deeper than the JSON reader's limit (1000): reported once, and the agent goes on.
     const std::string policy = agent.m_dir.File("test.json");
+    WriteFile(policy, "{\"a\": " + std::string(1001, '[') + std::string(1001, ']') + "}");
+    ASSERT_TRUE(logged("nested too deeply")) << agent.Log();
+    // Nor is a policy the module would give up delivered: the last good one stays, the status says
+    // why (and exits 0: the agent itself is fine).
     WriteFile(policy, R"({"count": 5})");
-    ASSERT_TRUE(
-        WaitUntil([&] { return agent.Log().find("\"marker\" is missing") != std::string::npos; }, kWait))
-        << agent.Log();
+    ASSERT_TRUE(logged("\"marker\" is missing")) << agent.Log();
     const RunResult status =
         TestSupport::Run({HOSTAGENT_BIN, "--status", "--config", agent.m_dir.File("agent.json")});
     EXPECT_EQ(status.code, 0) << status.output;
-    EXPECT_NE(status.output.find("problem: " + policy +
-                                 ": \"marker\" is missing (the policy delivered before "
-                                 "stays in force)"),
-              std::string::npos)
-        << status.output;
+    const std::string problem = ": \"marker\" is missing (the policy delivered before stays in force)";
+    EXPECT_NE(status.output.find("problem: " + policy + problem), std::string::npos) << status.output;
     // Edits are noticed without a signal: in place, and by rename into place as editors do, also
     // after the file was gone for a while (the last good policy stays meanwhile).
     WriteFile(policy, Policy("second"));
     ASSERT_TRUE(agent.WaitFor("second", kEditSeen)) << agent.Log();
     ASSERT_EQ(std::remove(policy.c_str()), 0);
-    ASSERT_TRUE(WaitUntil([&] { return agent.Log().find("Cannot read policy file") != std::string::npos; },
-                          kEditSeen))
-        << agent.Log();
+    ASSERT_TRUE(logged("Cannot read policy file", kEditSeen)) << agent.Log();
     WriteFile(policy + ".new", Policy("third"));
     ASSERT_EQ(std::rename((policy + ".new").c_str(), policy.c_str()), 0);
     ASSERT_TRUE(agent.WaitFor("third", kEditSeen)) << agent.Log();
@@ -142,20 +128,14 @@ TEST(AgentProcessTest, CheckConfigExitsWithOneLineNamingTheFileAndTheProblem) {
 }
 
 TEST(AgentProcessTest, ModulesOfAnotherPluginApiAreRefusedAtStartAndByCheckConfig) {
-    const struct {
-        const char* library;
-        const char* problem;
-    } cases[] = {
-        {TEST_MODULE_OTHER_API, "was built for plug-in API version 999, this agent needs version 1"},
-        {TEST_MODULE_NO_API,
-         "has no plug-in API version (HostAgentModuleApiVersion): found none, this "
-         "agent needs version 1"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.library);
+    for (const auto& [library, problem] :
+         {std::pair{TEST_MODULE_OTHER_API, "was built for plug-in API version 999"},
+          {TEST_MODULE_NO_API, "has no plug-in API version (HostAgentModuleApiVersion): found none"}}) {
+        SCOPED_TRACE(library);
         TempDir dir;
-        WriteFile(dir.File("agent.json"), std::string(R"({"modules": [")") + c.library + R"("]})");
-        const std::string expected = std::string("module ") + c.library + " " + c.problem;
+        WriteFile(dir.File("agent.json"), std::string(R"({"modules": [")") + library + R"("]})");
+        const std::string expected =
+            std::string("module ") + library + " " + problem + ", this agent needs version 1";
         const RunResult check = CheckConfig(dir);
         EXPECT_NE(check.code, 0);
         EXPECT_NE(check.output.find(dir.File("agent.json") + ": " + expected), std::string::npos)
@@ -168,21 +148,15 @@ TEST(AgentProcessTest, ModulesOfAnotherPluginApiAreRefusedAtStartAndByCheckConfi
 }
 
 TEST(AgentProcessTest, FilesOtherUsersCanChangeAreRefused) {
-    const struct {
-        const char* unsafe;  // made writable by all ("" for none)
-        mode_t mode;
-        bool chownToOther;  // owned by a user other than root and the agent's
-        const char* problem;
-    } cases[] = {
-        {"lib/module.so", 0777, false, "lib/module.so: unsafe: "},
-        {"agent.json", 0666, false, "agent.json: unsafe: "},
-        {"policies/p.json", 0666, false, "policies/p.json: unsafe: "},
-        {"policies", 0777, false, "unsafe: its folder "},
-        {"policies/p.json", 0644, true, "is owned by uid 54321"},
-        {"policies", 01777, false, "configuration OK"},  // a sticky folder is fine
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.unsafe) + (c.chownToOther ? " chown" : ""));
+    // `unsafe` given `mode`, or to a user other than root and the agent's: `problem` (and the fix).
+    for (const auto& [unsafe, mode, chownToOther, problem] :
+         {std::tuple{"lib/module.so", 0777, false, "lib/module.so: unsafe: "},
+          {"agent.json", 0666, false, "agent.json: unsafe: "},
+          {"policies/p.json", 0666, false, "policies/p.json: unsafe: "},
+          {"policies", 0777, false, "unsafe: its folder "},
+          {"policies/p.json", 0644, true, "is owned by uid 54321"},
+          {"policies", 01777, false, "configuration OK"}}) {  // a sticky folder is fine
+        SCOPED_TRACE(std::string(unsafe) + (chownToOther ? " chown" : ""));
         TempDir dir;
         for (const char* folder : {"lib", "policies"}) {
             ASSERT_EQ(mkdir(dir.File(folder).c_str(), 0755), 0);
@@ -191,20 +165,17 @@ TEST(AgentProcessTest, FilesOtherUsersCanChangeAreRefused) {
         WriteFile(dir.File("policies/p.json"), Policy("safe"));
         WriteFile(dir.File("agent.json"),
                   R"({"modules": ["lib/module.so"], "policies": {"90001": "policies/p.json"}})");
-        const std::string unsafe = dir.File(c.unsafe);
-        ASSERT_EQ(chmod(unsafe.c_str(), c.mode), 0);
-        if (c.chownToOther && chown(unsafe.c_str(), 54321, 54321) != 0) {
+        const std::string path = dir.File(unsafe);
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+        if (chownToOther && chown(path.c_str(), 54321, 54321) != 0) {
             GTEST_SKIP() << "giving a file to another user needs root";
         }
         const RunResult check = CheckConfig(dir);
-        const bool ok = std::string(c.problem) == "configuration OK";
+        const bool ok = std::string(problem) == "configuration OK";
         EXPECT_EQ(check.code == 0, ok) << check.output;
-        EXPECT_NE(check.output.find(c.problem), std::string::npos) << check.output;
-        // Naming the file or folder at fault and the fix.
-        EXPECT_TRUE(ok ||
-                    check.output.find(c.chownToOther ? "fix: chown root " + unsafe
-                                                     : "fix: chmod go-w " + unsafe) != std::string::npos)
-            << check.output;
+        EXPECT_NE(check.output.find(problem), std::string::npos) << check.output;
+        const std::string fix = (chownToOther ? "fix: chown root " : "fix: chmod go-w ") + path;
+        EXPECT_TRUE(ok || check.output.find(fix) != std::string::npos) << check.output;
     }
 }
 

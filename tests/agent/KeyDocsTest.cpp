@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -17,32 +18,13 @@ std::string Values(const AgentKey& key) {
     switch (key.kind) {
         case KeyKind::Integer:
             return std::to_string(key.low) + ".." + std::to_string(key.high);
-        case KeyKind::Choice: {
-            std::string text = key.choices;
-            for (std::size_t bar; (bar = text.find('|')) != std::string::npos;) {
-                text.replace(bar, 1, ", ");
-            }
-            return text;
-        }
+        case KeyKind::Choice:
+            return std::regex_replace(key.choices, std::regex("\\|"), ", ");
         case KeyKind::Flag:
             return "true, false";
         default:
             return "";
     }
-}
-
-std::string ReadmeRow(const AgentKey& key) {
-    const std::string def = *key.defaultText ? std::string("`") + key.defaultText + "`" : "";
-    return std::string("| `") + key.name + "` | " + Values(key) + " | " + def + " | " + key.help + " |";
-}
-
-std::string ManEntry(const AgentKey& key) {
-    std::string values = Values(key);
-    if (*key.defaultText) {
-        values += (values.empty() ? "default " : "; default ") + std::string(key.defaultText);
-    }
-    return std::string(".TP\n.B ") + key.name + "\n" + (values.empty() ? "" : values + ": ") + key.help +
-           "\n";
 }
 
 // The lines of `text` from the line `heading` up to the next line starting with `next`.
@@ -51,10 +33,7 @@ std::vector<std::string> Section(const std::string& text, const std::string& hea
     std::vector<std::string> lines;
     std::istringstream in(text);
     bool inside = false;
-    for (std::string line; std::getline(in, line);) {
-        if (inside && line.rfind(next, 0) == 0) {
-            break;
-        }
+    for (std::string line; std::getline(in, line) && !(inside && line.rfind(next, 0) == 0);) {
         if (inside) {
             lines.push_back(line);
         }
@@ -67,21 +46,24 @@ TEST(KeyDocsTest, ReadmeAndManPageListExactlyTheAgentKeysWithTheirValuesAndDefau
     const std::string readme = TestSupport::ReadFile(SOURCE_DIR "/README.md");
     const std::string man = TestSupport::ReadFile(SOURCE_DIR "/packaging/hostagent.8");
 
-    std::set<std::string> expectedRows;
-    std::set<std::string> expectedNames;
+    std::set<std::string> expectedRows, expectedNames, rows, manNames;
     for (const AgentKey& key : AgentKeys()) {
-        expectedRows.insert(ReadmeRow(key));
-        expectedNames.insert(key.name);
-        EXPECT_NE(man.find(ManEntry(key)), std::string::npos) << "man page lacks:\n" << ManEntry(key);
+        const std::string name = key.name, values = Values(key), def = key.defaultText;
+        expectedNames.insert(name);
+        expectedRows.insert("| `" + name + "` | " + values + " | " + (def.empty() ? "" : "`" + def + "`") +
+                            " | " + key.help + " |");
+        const std::string manValues =
+            def.empty() ? values : values + (values.empty() ? "" : "; ") + "default " + def;
+        const std::string entry =
+            ".TP\n.B " + name + "\n" + (manValues.empty() ? "" : manValues + ": ") + key.help + "\n";
+        EXPECT_NE(man.find(entry), std::string::npos) << "man page lacks:\n" << entry;
     }
-    std::set<std::string> rows;
     for (const std::string& line : Section(readme, "## Agent config keys", "## ")) {
         if (line.rfind("| `", 0) == 0) {
             rows.insert(line);
         }
     }
     EXPECT_EQ(rows, expectedRows) << "README's key rows differ from the key table";
-    std::set<std::string> manNames;
     std::string previous;
     for (const std::string& line : Section(man, ".SS Config keys", ".S")) {
         if (previous == ".TP" && line.rfind(".B ", 0) == 0) {

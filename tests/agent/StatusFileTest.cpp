@@ -16,42 +16,31 @@ namespace {
 
 using namespace HostAgent;
 
-// Runs `body` while this process is called "hostagent", as the status reader expects of a live agent.
-void AsAgent(const std::function<void()>& body) {
-    char name[16] = {};
-    prctl(PR_GET_NAME, name);
-    prctl(PR_SET_NAME, "hostagent");
-    body();
-    prctl(PR_SET_NAME, name);
-}
-
 TEST(StatusFileTest, AMonitorReadsItAndTellsAHungAgentAndAnUnreadableFile) {
     TestSupport::TempDir dir;
     const std::string path = dir.File("hostagent.status.json");
     const auto now = std::chrono::system_clock::now();
     Json::Value status;
+    std::istringstream(R"({"version": "test", "tasks": [{"name": "port_scan_task", "state": "running"}]})") >>
+        status;
     status["pid"] = static_cast<Json::Int>(getpid());
-    status["version"] = "test";
     status["updated"] = UtcText(now);
-    status["tasks"].append(Json::Value(Json::objectValue));
-    status["tasks"][0]["name"] = "port_scan_task";
-    status["tasks"][0]["state"] = "running";
     std::string error;
     ASSERT_TRUE(WriteStatusFile(path, status, error)) << error;
     struct stat written {};
     ASSERT_EQ(0, stat(path.c_str(), &written));
     EXPECT_EQ(written.st_mode & 0777, 0640u);
 
-    AsAgent([&] {
-        std::ostringstream out, err;
-        EXPECT_EQ(kStatusAllRunning, PrintStatus(path, out, err, now + std::chrono::seconds(119)));
-        EXPECT_EQ(out.str().find("NOT RESPONDING"), std::string::npos) << out.str();
-        std::ostringstream late, lateErr;
-        EXPECT_EQ(kStatusTaskDown, PrintStatus(path, late, lateErr, now + std::chrono::seconds(121)));
-        EXPECT_NE(late.str().find("NOT RESPONDING"), std::string::npos) << late.str();
-    });
+    char name[16] = {};
+    prctl(PR_GET_NAME, name);
+    prctl(PR_SET_NAME, "hostagent");  // as the status reader expects of a live agent
+    std::ostringstream out, err, late;
+    EXPECT_EQ(kStatusAllRunning, PrintStatus(path, out, err, now + std::chrono::seconds(119)));
+    EXPECT_EQ(out.str().find("NOT RESPONDING"), std::string::npos) << out.str();
+    EXPECT_EQ(kStatusTaskDown, PrintStatus(path, late, err, now + std::chrono::seconds(121)));
+    EXPECT_NE(late.str().find("NOT RESPONDING"), std::string::npos) << late.str();
+    prctl(PR_SET_NAME, name);
 
-    std::ostringstream out, err;
     TestSupport::WriteFile(path, "{\"pid\": ");
     EXPECT_EQ(kStatusUnreadable, PrintStatus(path, out, err));
     EXPECT_EQ(kStatusNoAgent, PrintStatus(dir.File("none.json"), out, err));

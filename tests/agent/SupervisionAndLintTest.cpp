@@ -1,8 +1,5 @@
-// The agent's decisions without a process: restart back-off and renewal planning, and the policy
-// findings reported by --check-config and at each delivery.
+// The supervisor's decisions without a process: restart back-off and renewal planning.
 #include "Supervisor.h"
-
-#include "support/NetLab.h"
 
 #include <gtest/gtest.h>
 
@@ -13,8 +10,7 @@ using HostAgent::Supervisor;
 using Event = Framework::Engine::TaskEvent;
 
 Event TaskEvent(Event::Kind kind, const std::string& module, double ran = 0, bool byItself = false) {
-    const std::vector<std::string> keys =
-        module.empty() ? std::vector<std::string>{} : std::vector<std::string>{"10001"};
+    const std::vector<std::string> keys(module.empty() ? 0 : 1, "10001");
     return {kind, "port_scan_task", module, keys, ran, byItself};
 }
 
@@ -43,18 +39,13 @@ TEST(SupervisorTest, BackOffDoublesToTheCapAndResetsAfterASteadyRun) {
 
 TEST(SupervisorTest, OnlyAModuleTaskThatStoppedByItselfIsRestarted) {
     const auto now = Supervisor::Clock::now();
-    struct Case {
-        const char* what;
-        std::string module;
-        bool byItself;
-    };
-    for (const Case& c : {Case{"unregistered (shutdown, policy disable)", "portscan", false},
-                          Case{"an agent task that returned", "", true}}) {
-        SCOPED_TRACE(c.what);
+    for (const auto& [what, module, byItself] :
+         {std::tuple{"unregistered (shutdown, policy disable)", "portscan", false},
+          {"an agent task that returned", "", true}}) {
+        SCOPED_TRACE(what);
         Supervisor supervisor(60s, 0s, 3600s, 3600s);
-        supervisor.OnStarted(TaskEvent(Event::Kind::Started, c.module), now);
-        EXPECT_EQ(supervisor.OnStopped(TaskEvent(Event::Kind::Stopped, c.module, 5, c.byItself), now).count(),
-                  0);
+        supervisor.OnStarted(TaskEvent(Event::Kind::Started, module), now);
+        EXPECT_EQ(supervisor.OnStopped(TaskEvent(Event::Kind::Stopped, module, 5, byItself), now).count(), 0);
         EXPECT_EQ(supervisor.GetTasks().at("port_scan_task").state, Supervisor::State::Stopped);
         EXPECT_EQ(supervisor.NextDeadline(), Supervisor::Clock::time_point::max());
     }

@@ -129,12 +129,12 @@ TEST_F(PortScanIpv6E2E, WithTheKeyIpv6ScansAlarmLikeIpv4Ones) {
     ASSERT_TRUE(WaitUntil(
         [&] {
             filter6 = AttachedFilter(m_lab->mon.Name(), m_lab->agent->Pid(), "ipv6");
-            return Contains(FilterPorts6(filter6), kUdpPort);
+            return Contains(FilterPorts(filter6, true), kUdpPort);
         },
         Seconds(10)))
         << "no IPv6 filter attached";
     // Every watched port is in it, but perhaps the listened one (once the agent knows its listener).
-    const std::vector<unsigned> ports6 = FilterPorts6(filter6);
+    const std::vector<unsigned> ports6 = FilterPorts(filter6, true);
     EXPECT_EQ(kTcpPortCount + 1 + Contains(ports6, kListenedPort), ports6.size());
     // The first word of the monitored unique-local address is among the address tests.
     EXPECT_TRUE(std::any_of(filter6.begin(), filter6.end(),

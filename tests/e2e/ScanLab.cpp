@@ -8,8 +8,7 @@
 #include <cctype>
 #include <ctime>
 #include <iostream>
-#include <map>
-#include <memory>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <tuple>
@@ -17,9 +16,6 @@
 namespace ScanLab {
 
 using namespace TestSupport;
-using TestSupport::ReadFile;
-using TestSupport::Run;
-using TestSupport::Seconds;
 
 std::string AgentConfigText(const std::string& modulePath) {
     return R"({"log": {"level": "debug", "console": true, "file": "log/hostagent.log"},
@@ -44,52 +40,39 @@ Json::Value SwitchesOnTask(const std::vector<std::pair<unsigned, int>>& watched)
         "prompt_alarms": true})",
               task);
     for (const auto& [port, type] : watched) {
-        Json::Value entry;
+        Json::Value& entry = task["monitor_list"].append(Json::Value());
         entry["port"] = port;
         entry["type"] = type;
-        task["monitor_list"].append(entry);
     }
     return task;
 }
 
 bool ParseJson(const std::string& text, Json::Value& out) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    return reader->parse(text.data(), text.data() + text.size(), &out, &errors) && out.isObject();
+    std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    return reader->parse(text.data(), text.data() + text.size(), &out, nullptr) && out.isObject();
 }
 
 std::vector<Json::Value> ReadAlarms(const std::string& path) {
-    std::string text = ReadFile(path);
-    const auto complete = text.rfind('\n');
-    text.resize(complete == std::string::npos ? 0 : complete + 1);
+    const std::string text = ReadFile(path);
+    std::stringstream lines(text.substr(0, text.rfind('\n') + 1));  // npos + 1 == 0: none complete
     std::vector<Json::Value> alarms;
-    std::stringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        if (line.find_first_not_of(" \t\r") == std::string::npos) {
-            continue;
+        if (line.find_first_not_of(" \t\r") != std::string::npos) {
+            EXPECT_TRUE(ParseJson(line, alarms.emplace_back())) << "not a JSON object: " << line;
         }
-        Json::Value alarm;
-        EXPECT_TRUE(ParseJson(line, alarm)) << "not a JSON object: " << line;
-        alarms.push_back(alarm);
     }
     return alarms;
 }
 
 std::vector<Json::Value> LoggedAlarms(const std::string& logPath) {
-    const std::string marker = "[PortScan] Sending alarm [";
-    std::string log = ReadFile(logPath);
+    const std::string marker = "[PortScan] Sending alarm [", log = ReadFile(logPath);
     std::vector<Json::Value> alarms;
     for (auto at = log.find(marker); at != std::string::npos; at = log.find(marker, at + 1)) {
-        auto begin = at + marker.size();
-        auto end = log.find(']', begin);
-        if (end == std::string::npos) {
-            break;  // still being written
+        const auto begin = at + marker.size(), end = log.find(']', begin);
+        if (end != std::string::npos) {  // else still being written
+            EXPECT_TRUE(ParseJson(log.substr(begin, end - begin), alarms.emplace_back()))
+                << "unreadable alarm in the log at offset " << at;
         }
-        Json::Value alarm;
-        EXPECT_TRUE(ParseJson(log.substr(begin, end - begin), alarm))
-            << "unreadable alarm in the log at offset " << at;
-        alarms.push_back(alarm);
     }
     return alarms;
 }
@@ -102,19 +85,19 @@ void ExpectAlarm(const Json::Value& alarm, unsigned port, bool udp, const std::s
     const Json::Value& net = alarm["network_info"];
     ASSERT_TRUE(net.isObject());
     EXPECT_EQ(net["protocol"].asString(), udp ? "UDP" : "TCP");
-    EXPECT_TRUE(net["app_protocol"].isString());
+    ASSERT_TRUE(net["app_protocol"].isString());
     EXPECT_EQ(net["app_protocol"].asString(), udp ? "" : "SYN");
     EXPECT_EQ(net["remote_address"].asString(), remote);
     ASSERT_TRUE(net["remote_port"].isInt() && net["local_port"].isUInt());
     EXPECT_EQ(net["remote_port"].asInt(), remotePort);
     EXPECT_EQ(net["local_address"].asString(), local);
     EXPECT_EQ(net["local_port"].asUInt(), port);
-    for (const auto& [key, value] : std::map<std::string, int>{{"event_category", 6000},
-                                                               {"event_type", 6002},
-                                                               {"severity", 1},
-                                                               {"attack_phase", 1},
-                                                               {"attack_tag", 1},
-                                                               {"confidence", 60}}) {
+    for (const auto& [key, value] : {std::pair{"event_category", 6000},
+                                     {"event_type", 6002},
+                                     {"severity", 1},
+                                     {"attack_phase", 1},
+                                     {"attack_tag", 1},
+                                     {"confidence", 60}}) {
         ASSERT_TRUE(alarm[key].isInt()) << key;
         EXPECT_EQ(alarm[key].asInt(), value) << key;
     }
@@ -133,9 +116,7 @@ unsigned AlarmPort(const Json::Value& alarm) {
 
 std::multiset<unsigned> AlarmPorts(const std::vector<Json::Value>& alarms) {
     std::multiset<unsigned> ports;
-    for (const auto& alarm : alarms) {
-        ports.insert(AlarmPort(alarm));
-    }
+    std::transform(alarms.begin(), alarms.end(), std::inserter(ports, ports.end()), AlarmPort);
     return ports;
 }
 
@@ -148,11 +129,10 @@ std::set<std::string> EventIds(const std::vector<Json::Value>& alarms) {
 }
 
 std::vector<BpfInsn> AttachedFilter(const std::string& netns, pid_t pid, const std::string& protocol) {
-    std::string out = Run({"ss", "-0", "-b", "-p"}, netns, Seconds(20)).output;
-    // A socket's record starts on an unindented line; the filter follows on indented ones.
+    // A socket's record starts on an unindented line; its filter follows on indented ones.
     std::vector<std::string> records;
-    std::stringstream stream(out);
-    for (std::string line; std::getline(stream, line);) {
+    std::stringstream out(Run({"ss", "-0", "-b", "-p"}, netns, Seconds(20)).output);
+    for (std::string line; std::getline(out, line);) {
         if (records.empty() || (!line.empty() && !isspace(static_cast<unsigned char>(line[0])))) {
             records.emplace_back();
         }
@@ -167,40 +147,23 @@ std::vector<BpfInsn> AttachedFilter(const std::string& netns, pid_t pid, const s
         }
         std::vector<BpfInsn> program;
         for (std::sregex_iterator it(record.begin(), record.end(), kInsn), end; it != end; ++it) {
-            program.push_back({static_cast<unsigned>(std::stoul((*it)[1], nullptr, 16)),
-                               static_cast<unsigned>(std::stoul((*it)[2])),
-                               static_cast<unsigned>(std::stoul((*it)[3])),
-                               static_cast<unsigned>(std::stoul((*it)[4]))});
+            const auto field = [&](int i, int base) { return unsigned(std::stoul((*it)[i], nullptr, base)); };
+            program.push_back({field(1, 16), field(2, 10), field(3, 10), field(4, 10)});
         }
         return program;
     }
     return {};
 }
 
-namespace {
-
-// The constants of the equality tests that follow the first instruction `isPortLoad` accepts.
-template <typename IsPortLoad>
-std::vector<unsigned> TestsAfter(const std::vector<BpfInsn>& program, IsPortLoad isPortLoad) {
+std::vector<unsigned> FilterPorts(const std::vector<BpfInsn>& program, bool ipv6) {
+    const auto load = std::find_if(program.begin(), program.end(), [&](const BpfInsn& insn) {
+        return ipv6 ? insn.code == 0x28 && insn.k == 56 : insn.code == 0x48;
+    });
     std::vector<unsigned> ports;
-    size_t i = 0;
-    while (i < program.size() && !isPortLoad(program[i])) {
-        ++i;
-    }
-    for (++i; i < program.size() && program[i].code == 0x15; ++i) {
-        ports.push_back(program[i].k);
+    for (auto it = load == program.end() ? load : load + 1; it != program.end() && it->code == 0x15; ++it) {
+        ports.push_back(it->k);
     }
     return ports;
-}
-
-}  // namespace
-
-std::vector<unsigned> FilterPorts(const std::vector<BpfInsn>& program) {
-    return TestsAfter(program, [](const BpfInsn& insn) { return insn.code == 0x48; });
-}
-
-std::vector<unsigned> FilterPorts6(const std::vector<BpfInsn>& program) {
-    return TestsAfter(program, [](const BpfInsn& insn) { return insn.code == 0x28 && insn.k == 56; });
 }
 
 bool Contains(const std::vector<unsigned>& list, unsigned value) {
@@ -229,25 +192,13 @@ std::string MissingPrerequisite(std::initializer_list<const char*> tools) {
 
 std::vector<std::string> Hping(const std::string& mode, unsigned port, int count, const std::string& interval,
                                int sourcePort, const std::string& target) {
-    return {"hping3",
-            "-q",
-            mode,
-            "-c",
-            std::to_string(count),
-            "-i",
-            interval,
-            "-p",
-            std::to_string(port),
-            "-s",
-            std::to_string(sourcePort),
-            "-k",
-            target};
+    return std::vector<std::string>({"hping3", "-q", mode, "-c", std::to_string(count), "-i", interval, "-p",
+                                     std::to_string(port), "-s", std::to_string(sourcePort), "-k", target});
 }
 
-Lab::Lab(const std::string& namePrefix, const std::string& monitoredAddr, const std::string& scannerAddr)
-    // Namespaces a killed run left behind go before this run makes its own.
-    : prefix((RemoveStaleNamespaces(namePrefix), namePrefix)),
-      tag(std::to_string(getpid())),
+// Namespaces a killed run left behind go before this run makes its own.
+Lab::Lab(const std::string& prefix, const std::string& monitoredAddr, const std::string& scannerAddr)
+    : base((RemoveStaleNamespaces(prefix), prefix + std::to_string(getpid()))),
       mon(Namespace("mon")),
       scanner(Namespace("scan")) {
     AddVethPair(mon, "to-scan", monitoredAddr + "/24", scanner, "eth0", scannerAddr + "/24");
@@ -271,7 +222,7 @@ const NetNs& Lab::AddNeighbour(const std::string& name, const std::string& monit
 void Lab::AddAddresses(std::initializer_list<const char*> monitored,
                        std::initializer_list<const char*> scanning) {
     for (const auto& [ns, device, addresses] :
-         {std::make_tuple(&mon, "to-scan", monitored), std::make_tuple(&scanner, "eth0", scanning)}) {
+         {std::tuple{&mon, "to-scan", monitored}, std::tuple{&scanner, "eth0", scanning}}) {
         for (const std::string address : addresses) {
             const bool v6 = address.find(':') != std::string::npos;
             std::vector<std::string> argv = {
@@ -297,9 +248,7 @@ void Lab::StartAgent(const std::string& policy, const std::string& config) {
 
 void Lab::StopAgent() {
     agent->Signal(SIGTERM);
-    const std::optional<int> code = agent->WaitExit(Seconds(30));
-    EXPECT_TRUE(code) << "the agent did not stop within 30 s of SIGTERM";
-    EXPECT_EQ(0, code.value_or(-1));
+    EXPECT_EQ(agent->WaitExit(Seconds(30)).value_or(-1), 0) << "no exit 0 within 30 s of SIGTERM";
     agent.reset();
 }
 
@@ -328,22 +277,14 @@ void Lab::Nmap(const std::vector<std::string>& options, const std::string& ports
 }
 
 bool Lab::WaitListening(unsigned port) {
-    return WaitUntil(
-        [&] {
-            return Run({"ss", "-ltnH", "sport = :" + std::to_string(port)}, mon.Name())
-                       .output.find("LISTEN") != std::string::npos;
-        },
-        Seconds(10));
+    const std::vector<std::string> ss = {"ss", "-ltnH", "sport = :" + std::to_string(port)};
+    return WaitUntil([&] { return Run(ss, mon.Name()).output.find("LISTEN") != std::string::npos; },
+                     Seconds(10));
 }
 
 std::vector<Json::Value> Lab::WaitForAlarms(size_t count, Seconds limit) {
     std::vector<Json::Value> alarms;
-    EXPECT_TRUE(WaitUntil(
-        [&] {
-            alarms = ReadAlarms(AlarmFile());
-            return alarms.size() >= count;
-        },
-        limit))
+    EXPECT_TRUE(WaitUntil([&] { return (alarms = ReadAlarms(AlarmFile())).size() >= count; }, limit))
         << "alarms so far: " << alarms.size() << "\nlog tail:\n"
         << Run({"tail", "-n", "40", Log()}).output;
     return alarms;

@@ -242,14 +242,15 @@ TEST(SyslogSpoolE2E, RsyslogParsesTheAgentsMessagesOverTcpAndUdpOnceEach) {
     ASSERT_NO_FATAL_FAILURE(lab.StopCollector());
 
     // Per filed document, the inputs whose MSG was exactly that document; each header as rsyslog
-    // parsed it (the test module's events carry no event_classid: MSGID is nil).
+    // parsed it (MSGID is the event's event_classid).
     std::map<std::string, std::map<std::string, int>> received, expected;
     for (const std::string& line : ReadLines(lab.dir.File("received.log"))) {
         std::istringstream fields(line);
         std::string input, version, appName, procId, msgId, msg;
         fields >> input >> version >> appName >> procId >> msgId >> std::ws;
         std::getline(fields, msg);
-        EXPECT_EQ(version + " " + appName + " " + procId + " " + msgId, "1 hostagent " + pid + " -") << line;
+        EXPECT_EQ(version + " " + appName + " " + procId + " " + msgId, "1 hostagent " + pid + " test_0001")
+            << line;
         ++received[msg][input];
     }
     const std::vector<std::string> filed = ReadLines(lab.dir.File("alarms.jsonl"));

@@ -11,65 +11,36 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
 namespace TestSupport {
 
-namespace {
-
-int DecodeStatus(int status) {
-    if (WIFEXITED(status)) {
-        return WEXITSTATUS(status);
-    }
-    if (WIFSIGNALED(status)) {
-        return 128 + WTERMSIG(status);
-    }
-    return -1;
-}
-
-std::string Join(const std::vector<std::string>& argv) {
-    std::string text;
-    for (const auto& arg : argv) {
-        text += (text.empty() ? "" : " ") + arg;
-    }
-    return text;
-}
-
-}  // namespace
-
 std::string FindProgram(const std::string& program) {
     if (program.find('/') != std::string::npos) {
         return access(program.c_str(), X_OK) == 0 ? program : "";
     }
     const char* env = getenv("PATH");
-    std::string dirs = std::string(env != nullptr ? env : "") + ":/usr/sbin:/sbin:/usr/bin:/bin";
-    std::stringstream stream(dirs);
-    std::string dir;
-    while (std::getline(stream, dir, ':')) {
-        if (dir.empty()) {
-            continue;
-        }
-        std::string candidate = dir + "/" + program;
-        if (access(candidate.c_str(), X_OK) == 0) {
-            return candidate;
+    std::stringstream dirs(std::string(env != nullptr ? env : "") + ":/usr/sbin:/sbin:/usr/bin:/bin");
+    for (std::string dir; std::getline(dirs, dir, ':');) {
+        if (!dir.empty() && access((dir + "/" + program).c_str(), X_OK) == 0) {
+            return dir + "/" + program;
         }
     }
     return "";
 }
 
-TempDir::TempDir() {
-    char pattern[] = "/tmp/hostagent-e2e-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
+TempDir::TempDir() : m_path("/tmp/hostagent-e2e-XXXXXX") {
+    if (mkdtemp(m_path.data()) == nullptr) {
         throw std::runtime_error("mkdtemp failed");
     }
-    m_path = pattern;
 }
 
 TempDir::~TempDir() {
+    std::error_code ignored;
     if (!m_keep) {
-        std::error_code ignored;
         std::filesystem::remove_all(m_path, ignored);
     }
 }
@@ -77,12 +48,8 @@ TempDir::~TempDir() {
 void RemoveStaleNamespaces(const std::string& prefix) {
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator("/run/netns", error)) {
-        std::string name = entry.path().filename();
-        if (name.rfind(prefix, 0) != 0) {
-            continue;
-        }
-        // The owner's pid follows the prefix; only namespaces whose owner is gone are removed.
-        pid_t owner = static_cast<pid_t>(atol(name.c_str() + prefix.size()));
+        const std::string name = entry.path().filename();
+        const pid_t owner = name.rfind(prefix, 0) == 0 ? atoi(name.c_str() + prefix.size()) : 0;
         if (owner > 0 && kill(owner, 0) != 0 && errno == ESRCH) {
             Run({"ip", "netns", "del", name});
         }
@@ -115,52 +82,37 @@ void AddVethPair(const NetNs& a, const std::string& aIf, const std::string& aAdd
 
 Child::Child(const std::vector<std::string>& argv, const std::string& netns, const std::string& outPath,
              const std::string& errPath) {
-    if (argv.empty()) {
-        throw std::invalid_argument("empty command");
-    }
-    std::string program = FindProgram(argv[0]);
+    const std::string program = argv.empty() ? "" : FindProgram(argv[0]);
     if (program.empty()) {
-        throw std::runtime_error("program not found: " + argv[0]);
+        throw std::runtime_error("program not found: " + (argv.empty() ? "" : argv[0]));
     }
-    // Everything the child touches is prepared here: between fork and exec only system calls run.
+    // Prepared before fork: between fork and exec only system calls run.
     std::vector<char*> args;
     for (const auto& arg : argv) {
         args.push_back(const_cast<char*>(arg.c_str()));
     }
     args.push_back(nullptr);
-    std::string nsPath = netns.empty() ? "" : "/run/netns/" + netns;
+    const std::string nsPath = "/run/netns/" + netns;
     const pid_t parent = getpid();
-
-    m_pid = fork();
-    if (m_pid < 0) {
+    if ((m_pid = fork()) < 0) {
         throw std::runtime_error("fork failed");
     }
     if (m_pid == 0) {
-        // Dies with the test, even when the test itself is killed and no destructor runs.
+        // Dies with the test, even when the test is killed and no destructor runs.
         if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) {
             _exit(126);
         }
-        if (!nsPath.empty()) {
-            int fd = open(nsPath.c_str(), O_RDONLY | O_CLOEXEC);
-            if (fd < 0 || setns(fd, CLONE_NEWNET) != 0) {
-                _exit(126);
-            }
-            close(fd);
-        }
-        int in = open("/dev/null", O_RDONLY);
-        int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        if (in < 0 || out < 0 || err < 0) {
+        const int ns = netns.empty() ? -1 : open(nsPath.c_str(), O_RDONLY | O_CLOEXEC);
+        if (!netns.empty() && (ns < 0 || setns(ns, CLONE_NEWNET) != 0)) {
             _exit(126);
         }
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(err, 2);
-        // Only the three standard descriptors go to the program: some (mmdebstrap) pass numbered
-        // descriptors of their own on and break on others that are open.
-        for (int fd : {in, out, err}) {
-            if (fd > 2) {
-                close(fd);
+        const int fds[] = {open("/dev/null", O_RDONLY),
+                           open(outPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644),
+                           open(errPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644)};
+        // Only the standard descriptors go on: some programs (mmdebstrap) break on other open ones.
+        for (int i = 0; i < 3; ++i) {
+            if (fds[i] < 0 || dup2(fds[i], i) < 0 || (fds[i] > 2 && close(fds[i]) != 0)) {
+                _exit(126);
             }
         }
         execv(program.c_str(), args.data());
@@ -169,9 +121,6 @@ Child::Child(const std::vector<std::string>& argv, const std::string& netns, con
 }
 
 Child::~Child() {
-    if (!Running()) {
-        return;
-    }
     Signal(SIGTERM);
     if (!WaitExit(Seconds(5))) {
         Signal(SIGKILL);
@@ -180,15 +129,11 @@ Child::~Child() {
 }
 
 bool Child::Running() {
-    if (m_pid <= 0 || m_status) {
-        return false;
-    }
     int status = 0;
-    if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-        m_status = DecodeStatus(status);
-        return false;
+    if (!m_status && m_pid > 0 && waitpid(m_pid, &status, WNOHANG) == m_pid) {
+        m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
-    return true;
+    return m_pid > 0 && !m_status;
 }
 
 void Child::Signal(int sig) {
@@ -203,37 +148,27 @@ std::optional<int> Child::WaitExit(Millis timeout) {
 }
 
 RunResult Run(const std::vector<std::string>& argv, const std::string& netns, Seconds limit) {
-    char pattern[] = "/tmp/hostagent-e2e-run-XXXXXX";
-    int fd = mkstemp(pattern);
-    if (fd < 0) {
-        throw std::runtime_error("mkstemp failed");
-    }
-    close(fd);
-    RunResult result;
-    {
-        Child child(argv, netns, pattern, pattern);
-        auto code = child.WaitExit(limit);
-        result.code = code ? *code : -1;
-    }
-    result.output = ReadFile(pattern);
-    unlink(pattern);
-    return result;
+    const TempDir dir;
+    const int code = Child(argv, netns, dir.File("out"), dir.File("out")).WaitExit(limit).value_or(-1);
+    return {code, ReadFile(dir.File("out"))};
 }
 
 std::string MustRun(const std::vector<std::string>& argv, const std::string& netns, Seconds limit) {
     RunResult result = Run(argv, netns, limit);
     if (result.code != 0) {
-        throw std::runtime_error(Join(argv) + " (netns '" + netns + "') exited " +
-                                 std::to_string(result.code) + ": " + result.output);
+        std::string command;
+        for (const auto& arg : argv) {
+            command += arg + " ";
+        }
+        throw std::runtime_error(command + "(netns '" + netns + "') exited " + std::to_string(result.code) +
+                                 ": " + result.output);
     }
     return result.output;
 }
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 std::vector<std::string> ReadLines(const std::string& path) {
@@ -246,43 +181,32 @@ std::vector<std::string> ReadLines(const std::string& path) {
 }
 
 void WriteFile(const std::string& path, const std::string& text) {
-    // Written beside and renamed, so a reader never sees half a file.
-    std::string temp = path + ".tmp";
-    {
-        std::ofstream out(temp, std::ios::trunc);
-        out << text;
-        if (!out.flush()) {
-            throw std::runtime_error("cannot write " + temp);
-        }
+    const std::string temp = path + ".tmp";
+    if (!(std::ofstream(temp, std::ios::trunc) << text).flush()) {
+        throw std::runtime_error("cannot write " + temp);
     }
     std::filesystem::rename(temp, path);
 }
 
 bool WaitUntil(const std::function<bool()>& ready, Millis timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!ready()) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (; !ready(); std::this_thread::sleep_for(Millis(100))) {
         if (std::chrono::steady_clock::now() >= deadline) {
             return false;
         }
-        std::this_thread::sleep_for(Millis(100));
     }
     return true;
 }
 
 std::optional<std::string> WaitForLine(const std::string& path, const std::string& needle, Millis timeout) {
-    std::optional<std::string> found;
-    WaitUntil(
-        [&] {
-            for (const auto& line : ReadLines(path)) {
-                if (line.find(needle) != std::string::npos) {
-                    found = line;
-                    return true;
-                }
-            }
-            return false;
-        },
-        timeout);
-    return found;
+    std::string text;
+    std::size_t at = std::string::npos;
+    if (!WaitUntil([&] { return (at = (text = ReadFile(path)).find(needle)) != std::string::npos; },
+                   timeout)) {
+        return std::nullopt;
+    }
+    const std::size_t begin = text.rfind('\n', at) + 1;  // 0 when it is the first line
+    return text.substr(begin, text.find('\n', at) - begin);
 }
 
 }  // namespace TestSupport

@@ -1,7 +1,6 @@
 #pragma once
 
-// Plumbing for tests that drive real programs inside throw-away network namespaces. Every object
-// undoes what it created when it goes out of scope, also when an assertion ends the test early.
+// Throw-away folders, network namespaces and child processes, undone when they go out of scope.
 
 #include <sys/types.h>
 
@@ -16,11 +15,10 @@ namespace TestSupport {
 using Seconds = std::chrono::seconds;
 using Millis = std::chrono::milliseconds;
 
-// Full path of `program`, looked up on PATH and then in /usr/sbin and /sbin (root's tools live
-// there and a test runner's PATH may lack them); empty when not found.
+// Full path of `program` from PATH, then /usr/sbin and /sbin (root's tools); empty when not found.
 std::string FindProgram(const std::string& program);
 
-// A fresh folder under /tmp, removed with its content on destruction unless Keep() was called.
+// A fresh folder under /tmp, removed with its content unless Keep() was called.
 class TempDir {
 public:
     TempDir();
@@ -37,8 +35,7 @@ private:
     bool m_keep = false;
 };
 
-// A named network namespace with its loopback up; deleted (with every interface in it) on
-// destruction.
+// A named network namespace with its loopback up; deleted with every interface in it.
 class NetNs {
 public:
     explicit NetNs(std::string name);
@@ -52,18 +49,15 @@ private:
     std::string m_name;
 };
 
-// Deletes namespaces named `prefix` + pid + anything whose pid no longer runs: left over by a run
-// that was killed before its destructors ran.
+// Deletes namespaces named `prefix` + pid + anything whose pid is gone: left by a killed run.
 void RemoveStaleNamespaces(const std::string& prefix);
 
-// A veth pair whose ends live in two namespaces, each end up and carrying one address ("a.b.c.d/len").
-// No route is added beyond the connected subnets. Deleting either namespace removes the pair.
+// A veth pair between two namespaces, each end up with one address ("a.b.c.d/len"); no extra routes.
 void AddVethPair(const NetNs& a, const std::string& aIf, const std::string& aAddr, const NetNs& b,
                  const std::string& bIf, const std::string& bAddr);
 
-// A child process, optionally entered into a namespace before exec, with stdout and stderr sent
-// to files. The destructor ends it (SIGTERM, then SIGKILL after 5 s) if it still runs, and reaps it;
-// the kernel kills it (SIGKILL) should the thread that started it end first.
+// A child process, in `netns` when not empty, stdout and stderr appended to files. Ended on
+// destruction (SIGTERM, SIGKILL after 5 s) and reaped; the kernel kills it if the starting thread ends.
 class Child {
 public:
     Child(const std::vector<std::string>& argv, const std::string& netns, const std::string& outPath,
@@ -75,8 +69,7 @@ public:
     pid_t Pid() const { return m_pid; }
     bool Running();
     void Signal(int sig);
-    // Exit code (128 + signal number when killed by a signal), or nothing when it is still running
-    // after `timeout`.
+    // Exit code (128 + signal when killed), or nothing while it still runs after `timeout`.
     std::optional<int> WaitExit(Millis timeout);
 
 private:
@@ -85,24 +78,25 @@ private:
 };
 
 struct RunResult {
-    int code = -1;       // exit code, 128 + signal when killed, -1 when the time limit ended it
+    int code = -1;       // as WaitExit's, -1 when the time limit ended it
     std::string output;  // stdout followed by stderr
 };
 
-// Runs a program to completion in `netns` (empty: this namespace), killed after `limit`.
+// Runs a program to completion in `netns` (empty: this one), killed after `limit`.
 RunResult Run(const std::vector<std::string>& argv, const std::string& netns = "",
               Seconds limit = Seconds(60));
-// As Run, but throws std::runtime_error carrying the output unless the exit code is 0.
+// As Run, but throws std::runtime_error with the output unless the exit code is 0.
 std::string MustRun(const std::vector<std::string>& argv, const std::string& netns = "",
                     Seconds limit = Seconds(60));
 
 std::string ReadFile(const std::string& path);
 std::vector<std::string> ReadLines(const std::string& path);
+// Written beside and renamed, so a reader never sees half a file.
 void WriteFile(const std::string& path, const std::string& text);
 
-// Polls every 100 ms until `ready()` is true; false when `timeout` passes first.
+// Polls every 100 ms until `ready()`; false when `timeout` passes first.
 bool WaitUntil(const std::function<bool()>& ready, Millis timeout);
-// Waits until a line of `path` contains `needle`; returns that line, or nothing on time-out.
+// The first line of `path` containing `needle`, waited for up to `timeout`.
 std::optional<std::string> WaitForLine(const std::string& path, const std::string& needle, Millis timeout);
 
 }  // namespace TestSupport

@@ -8,14 +8,10 @@ namespace TestSupport {
 
 namespace {
 
-std::unique_ptr<Framework::Engine>& EngineSlot() {
-    static std::unique_ptr<Framework::Engine> engine;
-    return engine;
-}
+std::unique_ptr<Framework::Engine> g_engine;  // constant-initialized: safe to use from any static
 
-class EngineEnvironment : public ::testing::Environment {
-public:
-    void TearDown() override { EngineSlot().reset(); }
+struct EngineEnvironment : ::testing::Environment {
+    void TearDown() override { g_engine.reset(); }
 };
 
 const ::testing::Environment* const kEnvironment = ::testing::AddGlobalTestEnvironment(new EngineEnvironment);
@@ -23,10 +19,10 @@ const ::testing::Environment* const kEnvironment = ::testing::AddGlobalTestEnvir
 }  // namespace
 
 Framework::Engine& TestEngine() {
-    if (!EngineSlot()) {
-        EngineSlot().reset(new Framework::Engine);
+    if (!g_engine) {
+        g_engine = std::make_unique<Framework::Engine>();
     }
-    return *EngineSlot();
+    return *g_engine;
 }
 
 }  // namespace TestSupport

@@ -4,8 +4,7 @@
 
 namespace TestSupport {
 
-// The one runtime application of the test process, made on first use and destroyed after the
-// last test, while the libraries the tests loaded are still there.
+// The process' one runtime application: made on first use, gone after the last test (libraries still loaded).
 Framework::Engine& TestEngine();
 
 }  // namespace TestSupport

@@ -1,8 +1,7 @@
-// A module for the agent's tests only. Its policy (key "90001") is a JSON object: "marker" (text,
-// required; a policy without it is refused) goes into every event; "count" events are sent when the policy
-// arrives and "burst_on_stop" more when the module stops. Each event is a type "2" message to the report task
-// with the body {"source","marker","kind":"policy"|"stop","seq","policy_name"}, pretty-printed on
-// purpose: the report task must write it as one line.
+// A module for the agent's tests only. Its policy (key "90001") is a JSON object with a required text
+// "marker"; "count" events are sent when it arrives, "burst_on_stop" more when the module stops, each a
+// pretty-printed type "2" message to the report task (which must write it as one line):
+// {"event_classid":"test_0001","source","marker","kind":"policy"|"stop","seq","policy_name"}.
 #include "framework/Message.h"
 #include "framework/Module.h"
 #include "framework/ModuleApi.h"
@@ -11,6 +10,7 @@
 #include "framework/Task.h"
 #include "sdk/JsonUtils.h"
 
+#include <memory>
 #include <mutex>
 
 namespace {
@@ -39,13 +39,11 @@ public:
     }
     // A policy without its "marker" would be given up: the agent must keep the last good one.
     std::string RefusalOf(const std::string& key, const std::string& text) const override {
-        TestPolicy probe;
-        return key == "90001" && !probe.Parse(text) ? "\"marker\" is missing" : "";
+        return key == "90001" && !TestPolicy().Parse(text) ? "\"marker\" is missing" : "";
     }
     Framework::Policy* OnPolicy(const std::string& name, const std::string& content, Framework::Policy*&) {
-        auto* policy = new TestPolicy;
+        auto policy = std::make_unique<TestPolicy>();
         if (!policy->Parse(content)) {
-            delete policy;
             return nullptr;
         }
         {
@@ -54,16 +52,17 @@ public:
             m_event["policy_name"] = name;
         }
         Send("policy", "count", 1);
-        return policy;
+        return policy.release();
     }
 
 private:
-    // Sends as many events of `kind` as the policy's `countKey` asks for.
+    // As many events of `kind` as the policy's `countKey` asks for.
     void Send(const char* kind, const char* countKey, int defaultCount) {
         std::lock_guard<std::mutex> lock(m_mutex);
         const int count = m_event.get(countKey, defaultCount).asInt();
         for (int i = 0; i < count; ++i) {
             Json::Value body;
+            body["event_classid"] = "test_0001";
             body["source"] = "agent_test_module";
             body["marker"] = m_event["marker"];
             body["policy_name"] = m_event["policy_name"];
@@ -81,8 +80,7 @@ private:
 
 }  // namespace
 
-// Variants of this library test the host's version check: one built for another version, one
-// built before there was a version.
+// Variants test the host's version check: one built for another plug-in API version, one without any.
 #if defined(TEST_MODULE_API_VERSION)
 extern "C" unsigned HostAgentModuleApiVersion() {
     return TEST_MODULE_API_VERSION;
