@@ -1,10 +1,10 @@
-// The collection task through its public operations: the minute tick and its thirty-tick schedule,
-// the packet and error budgets, freezing, the monitor list, alarm documents, the port dump and the
-// opt-in switches. The clock and the socket table are the test's; frames come from socket pairs.
+// The collection task through its public operations, with the test's clock, socket table and socket pairs.
 
 #include "CollectPortInfoTask.h"
 #include "PortScanModule.h"
 #include "PortScanPolicy.h"
+#include "SocketUtil.h"
+#include "TestFrames.h"
 #include "framework/Message.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/TimeUtils.h"
@@ -13,14 +13,10 @@
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Logger.h>
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <functional>
 #include <future>
 #include <thread>
@@ -31,19 +27,17 @@ namespace {
 using namespace Engine;
 
 constexpr long kStart = 1700000000;
-const char* const kPolicyHeader = "-------------------------Print Policy Port-------------------------";
-const char* const kBanHeader = "-------------------------Print Ban Port-------------------------";
 const char* const kEndHeader = "-------------------------End of Port info-------------------------";
 const char* const kChanged = "[PortScan] Monitor port changed!";
 const char* const kOffered = "[PortScan] Chk before alarm is disable!";
+using Ports = std::vector<std::pair<uint32_t, uint32_t>>;  // (port, type)
 
 struct FakeClock : SDK::ClockSource {
     long NowSeconds() override { return now.load(); }
     std::atomic<long> now{kStart};
 };
 
-// Stands in for a task looked up by name: keeps the type and body of every data message sent to it
-// (sent from the test's own thread), and serves the socket table the test sets.
+// Stands in for a task looked up by name: keeps the messages sent to it, serves the test's socket table.
 struct StandIn : Framework::Task, Framework::NetProcCache {
     explicit StandIn(const char* name) : Framework::Task(name, "test", 0, 64) {}
     bool EnqueueMsg(Framework::Message* msg) override {
@@ -66,7 +60,6 @@ struct TestTask : CollectPortInfoTask {
     std::map<unsigned short, std::string> peers;
 };
 
-// Polls `done` every millisecond for up to ten seconds; its last answer.
 bool Poll(const std::function<bool()>& done) {
     for (int i = 0; i < 10000 && !done(); ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -80,35 +73,14 @@ Json::Value Parse(const std::string& text) {
     return root;
 }
 
-// A probe as the parser hands it on: TCP SYN (or UDP) from `remote`, IPv6 when it has a colon.
+// A probe as the parser hands it on: TCP SYN (or UDP) from `remote` to 10.0.0.1 (IPv6: fd00:78::1).
 PacketNode Packet(unsigned short port, const char* remote, bool udp = false) {
+    const bool v6 = strchr(remote, ':') != nullptr;
+    std::string frame = Frame(remote, v6 ? "fd00:78::1" : "10.0.0.1", udp ? IPPROTO_UDP : IPPROTO_TCP, port);
     PacketNode pkt{};
-    pkt.isIpv6 = strchr(remote, ':') != nullptr;
-    if (pkt.isIpv6) {
-        EXPECT_EQ(1, inet_pton(AF_INET6, remote, &pkt.remoteAddress6));
-        EXPECT_EQ(1, inet_pton(AF_INET6, "fd00:78::1", &pkt.localAddress6));
-    } else {
-        pkt.remoteAddress.s_addr = inet_addr(remote);
-        pkt.localAddress.s_addr = inet_addr("10.0.0.1");
-    }
-    pkt.localPort = port;
-    pkt.remotePort = 40000;
-    pkt.type = udp ? 1 : 0;
-    pkt.flag = udp ? "" : "SYN";
+    EXPECT_TRUE(v6 ? SocketUtil::ParsePacket6(frame.data(), frame.size(), &pkt)
+                   : SocketUtil::ParsePacket(&frame[0], frame.size(), &pkt));
     return pkt;
-}
-
-// A TCP SYN (flags 0x02) or UDP frame from `remote` to 10.0.0.1:`port`, as the capture socket
-// delivers it (Ethernet header first).
-std::string Frame(unsigned short port, bool udp = false, const char* remote = "192.168.1.7") {
-    std::string frame(64, '\0');
-    frame[14] = 0x45, frame[23] = udp ? 17 : 6;
-    EXPECT_EQ(1, inet_pton(AF_INET, remote, &frame[26]));
-    EXPECT_EQ(1, inet_pton(AF_INET, "10.0.0.1", &frame[30]));
-    const uint16_t ports[] = {htons(40000), htons(port)};
-    memcpy(&frame[34], ports, 4);
-    frame[34 + 13] = 0x02;
-    return frame;
 }
 
 class CollectTaskTest : public ::testing::Test {
@@ -138,11 +110,14 @@ protected:
         close(m_capture[0]);
         close(m_capture[1]);
     }
-    void UsePolicy(const std::string& monitorList, const std::string& extra = "") {
+    void UsePolicy(const Ports& ports, const std::string& extra = "") {
+        std::string json = R"({"task_condition":{})" + extra + R"(,"monitor_list":[)";
+        for (const auto& [port, type] : ports) {
+            json += (json.back() == '[' ? "{" : ",{") + (R"("port":)" + std::to_string(port)) +
+                    R"(,"type":)" + std::to_string(type) + "}";
+        }
         m_policies.emplace_back(new PortScanTaskPolicy("port_scan_task"));
-        const std::string json =
-            R"({"monitor_list":)" + monitorList + R"(,"task_condition":{})" + extra + "}";
-        EXPECT_TRUE(m_policies.back()->Parse(json)) << json;
+        EXPECT_TRUE(m_policies.back()->Parse(json + "]}")) << json;
         m_task.SetTaskPolicy(m_policies.back().get());
         m_scan->SetTaskPolicy(m_policies.back().get());
     }
@@ -152,16 +127,16 @@ protected:
         info->protocol = protocol;
         m_sockets->sockets[static_cast<long>(m_sockets->sockets.size() + 1)] = info;
     }
-    // Queues `count` copies of `frame` on the capture pair and has the task read each.
-    bool Deliver(const std::string& frame, int count, int& pktCount, int& errCount) {
+    // Queues `count` copies of a TCP SYN from `remote` to port 2301 and has the task read each.
+    bool Deliver(const char* remote, int count) {
+        const std::string frame = Frame(remote, "10.0.0.1", IPPROTO_TCP, 2301);
         bool result = true;
         for (int i = 0; i < count && result; ++i) {
             EXPECT_EQ(static_cast<ssize_t>(frame.size()), send(m_capture[1], frame.data(), frame.size(), 0));
-            result = m_task.HandleSocketBuffer(m_capture[0], pktCount, errCount);
+            result = m_task.HandleSocketBuffer(m_capture[0], m_pktCount, m_errCount);
         }
         return result;
     }
-    bool RunEnded() { return m_run.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
     // The documents sent for reporting, each without its fresh identifier once that is checked.
     std::vector<Json::Value> Documents() {
         std::vector<Json::Value> documents;
@@ -183,17 +158,16 @@ protected:
     std::vector<std::unique_ptr<PortScanTaskPolicy>> m_policies;
     TestTask m_task;
     int m_capture[2] = {-1, -1};
-    std::future<int> m_run;  // the loop, when a test runs it on a thread of its own
+    int m_pktCount = 0, m_errCount = 0;  // the minute's counters the task keeps in its loop
+    std::future<int> m_run;              // the loop, when a test runs it on a thread of its own
 };
 
-// Ticks 0, 30 and 60 release frozen ports, rebuild the list and reset the counters; a port frozen at
-// kStart is still frozen at 23 h 59 min (tick 30) and after a day at tick 31, and gone at tick 60.
+// Ticks 0, 30 and 60 release, rebuild and reset; a freeze at kStart outlives 23 h 59 min, not a day.
 TEST_F(CollectTaskTest, MinuteTickRunsTheThirtyTickScheduleAndReleasesAfterADay) {
-    // 8080, then 9090: a changed list whose filter cannot load (no socket), so every pass of the loop
-    // writes the change line and pauses, which paces the loop and shows that it went on.
-    UsePolicy(R"([{"port":8080,"type":0}])");
+    // A changed list whose filter cannot load (no socket): each pass logs the change and pauses, pacing it.
+    UsePolicy({{8080, 0}});
     m_task.MergeMonitorPort();
-    UsePolicy(R"([{"port":9090,"type":0}])");
+    UsePolicy({{9090, 0}});
     m_task.MergeMonitorPort();
     // Without the socket table the rebuilds fail and leave the list as it is.
     TestSupport::TestEngine().UnRegisterTask("netproc_full_task");
@@ -211,8 +185,7 @@ TEST_F(CollectTaskTest, MinuteTickRunsTheThirtyTickScheduleAndReleasesAfterADay)
                 EXPECT_EQ(0u, m_log->Count(kEndHeader));
             }
         }
-        if (tick > 0) {
-            // Tick 1 comes with the clock set back by two minutes.
+        if (tick > 0) {  // tick 1 comes with the clock set back by two minutes
             now = tick == 30 ? kStart + 86340 : (tick == 31 ? kStart + 86401 : now + 61);
             m_log->Clear();
             m_clock->now = now;
@@ -231,22 +204,13 @@ TEST_F(CollectTaskTest, MinuteTickRunsTheThirtyTickScheduleAndReleasesAfterADay)
     }
 }
 
-// Ten frames a minute pass, the eleventh stops the task; the hundred-and-first read error of a
-// minute asks for a rebuild of the capture.
-TEST_F(CollectTaskTest, PacketAndErrorBudgetsOfAMinute) {
-    UsePolicy("[]", R"(,"package_max_num":10)");
-    int errCount = 0, pktCount = 0;
-    EXPECT_TRUE(Deliver(Frame(2301, true), 10, pktCount, errCount));  // UDP: parsed and offered on
-    EXPECT_EQ(10u, m_log->Count(kOffered));
-    EXPECT_FALSE(Deliver(Frame(2301, true), 1, pktCount, errCount));
-    EXPECT_EQ(10u, m_log->Count(kOffered));
-
+// The hundred-and-first read error of a minute asks for a rebuild of the capture.
+TEST_F(CollectTaskTest, ReadErrorBudgetOfAMinute) {
     int pipeFds[2];
     ASSERT_EQ(0, pipe(pipeFds));  // recv on a pipe fails
-    pktCount = 0;
     for (int i = 1; i <= 101; ++i) {
-        m_task.HandleSocketBuffer(pipeFds[0], pktCount, errCount);
-        EXPECT_EQ(i <= 100 ? i : 0, errCount);
+        m_task.HandleSocketBuffer(pipeFds[0], m_pktCount, m_errCount);
+        EXPECT_EQ(i <= 100 ? i : 0, m_errCount);
         EXPECT_EQ(i <= 100 ? MONITOR_LIST_NORMAL : MONITOR_LIST_ERROR, m_task.GetMonitorStatus());
     }
     close(pipeFds[0]);
@@ -254,8 +218,7 @@ TEST_F(CollectTaskTest, PacketAndErrorBudgetsOfAMinute) {
 }
 
 TEST_F(CollectTaskTest, PortsFreezeAtTheTwentyFirstPacketOrTheFifthAlarmingHost) {
-    UsePolicy(R"([{"port":8080,"type":0},{"port":9090,"type":0}])",
-              R"(,"port_package_max_num":20,"port_ip_max_num":4)");
+    UsePolicy({{8080, 0}, {9090, 0}}, R"(,"port_package_max_num":20,"port_ip_max_num":4)");
     auto probe = [this](unsigned short port, const char* remote) {
         m_task.HandlePacket(Packet(port, remote), 100);
         return m_task.IsPortFrozen(port);
@@ -270,55 +233,42 @@ TEST_F(CollectTaskTest, PortsFreezeAtTheTwentyFirstPacketOrTheFifthAlarmingHost)
     }
 }
 
-// Each step: the policy's records, a port to freeze or to mark in use by a UDP socket; the state
-// and the monitored records after the rebuild, and what the state machine does with that state.
+// Steps: policy, frozen and UDP-held ports (0: none), state, records, the next run's line (null: not run).
 TEST_F(CollectTaskTest, MonitorListStateMachine) {
-    using Ports = std::vector<std::pair<uint32_t, uint32_t>>;  // (port, type)
-    const struct {
-        Ports policy;
-        unsigned int frozen, inUdpUse;  // 0: none
-        MONITOR_LIST_STATUS expected;
-        Ports monitored;
-        const char* line;  // written by the state machine then; null: not run (it would build sockets)
-    } steps[] = {
+    const std::tuple<Ports, uint16_t, uint16_t, MONITOR_LIST_STATUS, Ports, const char*> steps[] = {
         {{{8080, 0}, {9090, 1}}, 0, 0, MONITOR_LIST_CREATE, {{8080, 0}, {9090, 1}}, nullptr},
         {{{8080, 0}, {9090, 1}}, 0, 0, MONITOR_LIST_NORMAL, {{8080, 0}, {9090, 1}}, ""},
-        {{{8080, 1}, {9090, 1}}, 0, 0, MONITOR_LIST_NORMAL, {{8080, 1}, {9090, 1}}, ""},  // protocol moved
+        {{{8080, 1}, {9090, 1}}, 0, 0, MONITOR_LIST_NORMAL, {{8080, 1}, {9090, 1}}, ""},  // 8080 on UDP
         {{{8080, 1}}, 0, 0, MONITOR_LIST_CHANGE, {{8080, 1}}, nullptr},
         {{{8080, 1}, {22, 0}}, 22, 0, MONITOR_LIST_NORMAL, {{8080, 1}}, ""},
         {{{8080, 1}, {22, 2}}, 0, 22, MONITOR_LIST_CHANGE, {{22, 0}, {8080, 1}}, nullptr},
         {{{8080, 1}}, 0, 8080, MONITOR_LIST_CHANGE, {}, kChanged},  // nothing left: cleared next
         {{{8080, 1}}, 8080, 0, MONITOR_LIST_CREATE, {}, nullptr},   // after an empty list
     };
-    for (const auto& step : steps) {
-        SCOPED_TRACE(&step - steps);
-        std::string list;
-        for (const auto& port : step.policy) {
-            list += (list.empty() ? "" : ",") + std::string(R"({"port":)") + std::to_string(port.first) +
-                    R"(,"type":)" + std::to_string(port.second) + "}";
-        }
-        UsePolicy("[" + list + "]");
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        SCOPED_TRACE(i);
+        const auto& [policy, frozen, inUdpUse, expected, want, line] = steps[i];
+        UsePolicy(policy);
         m_clock->now += 86400;  // earlier freezes are over
         m_task.FreeBanPort();
         m_sockets->sockets.clear();
-        if (step.inUdpUse != 0) {
-            MarkInUse(step.inUdpUse, 1);
+        if (inUdpUse != 0) {
+            MarkInUse(inUdpUse, 1);
         }
-        step.frozen != 0 ? m_task.FreezePort(static_cast<unsigned short>(step.frozen))
-                         : static_cast<void>(m_task.GetMonitorPort());
-        EXPECT_EQ(step.expected, m_task.GetMonitorStatus());
+        frozen != 0 ? m_task.FreezePort(frozen) : static_cast<void>(m_task.GetMonitorPort());
+        EXPECT_EQ(expected, m_task.GetMonitorStatus());
         Ports monitored;
         for (const PortInfoNode& node : m_task.GetMonitorPortSet()) {
             monitored.emplace_back(node.port, node.type);
         }
         std::sort(monitored.begin(), monitored.end());
-        EXPECT_EQ(step.monitored, monitored);
-        if (step.line != nullptr) {
+        EXPECT_EQ(want, monitored);
+        if (line != nullptr) {
             m_log->Clear();
-            EXPECT_EQ(*step.line == '\0', m_task.CheckSocketInfo());
-            EXPECT_EQ(*step.line == '\0' ? std::vector<std::string>{} : std::vector<std::string>{step.line},
+            EXPECT_EQ(*line == '\0', m_task.CheckSocketInfo());
+            EXPECT_EQ(*line == '\0' ? std::vector<std::string>{} : std::vector<std::string>{line},
                       m_log->Texts());
-            if (*step.line != '\0') {  // the cleared list: its line, then the normal state
+            if (*line != '\0') {  // the cleared list: its line, then the normal state
                 EXPECT_EQ(MONITOR_LIST_CLEAR, m_task.GetMonitorStatus());
                 m_log->Clear();
                 EXPECT_TRUE(m_task.CheckSocketInfo());
@@ -329,12 +279,9 @@ TEST_F(CollectTaskTest, MonitorListStateMachine) {
     }
 }
 
-// Port 7's only prober is its peer: nothing is sent for it; port 8080's one alarm is not above the
-// limit of one. Port 22 reports a half-open scan; port 5353 a common one from the entry after its
-// peer's, with the event count running on.
+// Nothing for port 7 (only its peer probed) nor 8080 (one alarm, not above one); the count runs across ports.
 TEST_F(CollectTaskTest, AlarmDocumentsSkipThePeerAndCountAcrossPorts) {
-    UsePolicy(R"([{"port":7,"type":0},{"port":22,"type":0},{"port":8080,"type":0},{"port":5353,"type":1}])",
-              R"(,"exact_port_lookup":true)");  // alarm_max_num 1
+    UsePolicy({{7, 0}, {22, 0}, {8080, 0}, {5353, 1}}, R"(,"exact_port_lookup":true)");  // alarm_max_num 1
     ASSERT_TRUE(m_task.MergeMonitorPort());
     m_task.peers = {{7, "10.1.1.1"}, {5353, "10.1.1.1"}};
     const std::tuple<unsigned short, int, int, std::vector<const char*>> records[] = {
@@ -364,7 +311,7 @@ TEST_F(CollectTaskTest, AlarmDocumentsSkipThePeerAndCountAcrossPorts) {
 }
 
 TEST_F(CollectTaskTest, DumpAtDebugLevelOnly) {
-    UsePolicy(R"([{"port":8080,"type":0},{"port":9090,"type":1}])");
+    UsePolicy({{8080, 0}, {9090, 1}});
     PortInfoNode counted(8080, 0);
     counted.alarmNum = 3;
     counted.pkgNum = 9;
@@ -380,11 +327,12 @@ TEST_F(CollectTaskTest, DumpAtDebugLevelOnly) {
         EXPECT_EQ(Poco::Message::PRIO_DEBUG, message.getPriority()) << message.getText();
         dump += message.getText() + "\n";
     }
-    EXPECT_EQ(std::string(kPolicyHeader) + "\n  Port  8080 [0]: Got  3 packet from 2u hosts. Alarm:3\n" +
-                  "  Port  9090: IS BEING USED.Alarm:0\n" + kBanHeader +
-                  "\n Port:22 BAN!\n Port:9090 BAN!\n" + kEndHeader + "\n",
-              dump);
-
+    EXPECT_EQ(
+        "-------------------------Print Policy Port-------------------------\n"
+        "  Port  8080 [0]: Got  3 packet from 2u hosts. Alarm:3\n  Port  9090: IS BEING USED.Alarm:0\n"
+        "-------------------------Print Ban Port-------------------------\n Port:22 BAN!\n Port:9090 BAN!\n" +
+            std::string(kEndHeader) + "\n",
+        dump);
     TestSupport::CaptureLogs({"portscan_module"}, "information");
     // Even a module logger that admits debug lines stays quiet: the agent's level decides.
     PortScan::GetLoggerPtr()->setLevel(Poco::Message::PRIO_DEBUG);
@@ -392,39 +340,36 @@ TEST_F(CollectTaskTest, DumpAtDebugLevelOnly) {
     EXPECT_TRUE(m_log->Texts().empty());
 }
 
-// Opt-in switches of the task policy, each on and off at the operation it changes.
-
-// A drain reads up to the bound and leaves the rest queued; the packet budget still stops it at the
-// first frame above it.
+// A drain stops at the bound, leaving the rest queued, or at the first frame past the budget, not handed on.
 TEST_F(CollectTaskTest, DrainReadsQueuedFramesUpToTheBoundAndWithinTheBudget) {
     const int bound = CollectPortInfoTask::kMaxFramesPerWakeup;
     for (int budget : {1000, 10}) {
         SCOPED_TRACE(budget);
-        UsePolicy("[]", R"(,"drain_socket_queue":true,"package_max_num":)" + std::to_string(budget));
-        const std::string frame = Frame(2301, true);
+        UsePolicy({}, R"(,"drain_socket_queue":true,"package_max_num":)" + std::to_string(budget));
+        const std::string frame = Frame("192.168.1.7", "10.0.0.1", IPPROTO_UDP, 2301);
         for (int i = 0; i < bound + 5; ++i) {
             ASSERT_EQ(static_cast<ssize_t>(frame.size()), send(m_capture[1], frame.data(), frame.size(), 0));
         }
-        int errCount = 0, pktCount = 0;
-        EXPECT_EQ(budget > bound, m_task.DrainSocketQueue(m_capture[0], pktCount, errCount));
-        EXPECT_EQ(std::min(bound, budget + 1), pktCount);
+        m_log->Clear();
+        m_pktCount = 0;
+        EXPECT_EQ(budget > bound, m_task.DrainSocketQueue(m_capture[0], m_pktCount, m_errCount));
+        EXPECT_EQ(std::min(bound, budget + 1), m_pktCount);
+        EXPECT_EQ(std::min<size_t>(bound, budget), m_log->Count(kOffered));  // UDP: parsed, handed on
         int left = 0;
         for (char byte; recv(m_capture[0], &byte, 1, MSG_DONTWAIT) >= 0;) {
             ++left;
         }
-        EXPECT_EQ(bound + 5 - pktCount, left);
+        EXPECT_EQ(bound + 5 - m_pktCount, left);
         m_task.InitFieldVars();  // running again after the stop
     }
 }
 
-// Records (80, UDP) and (443, TCP): in the monitored set the set's own search misses the first. Its evidence
-// reaches the monitored record only with the exact lookup.
+// The set's own search misses (80, UDP) beside (443, TCP): only the exact lookup keeps its evidence.
 TEST_F(CollectTaskTest, ExactLookupKeepsEvidenceOfARecordTheOrderingHides) {
     for (bool exact : {false, true}) {
         SCOPED_TRACE(exact);
         m_task.InitFieldVars();
-        UsePolicy(R"([{"port":80,"type":1},{"port":443,"type":0}])",
-                  exact ? R"(,"exact_port_lookup":true)" : "");
+        UsePolicy({{80, 1}, {443, 0}}, exact ? R"(,"exact_port_lookup":true)" : "");
         ASSERT_TRUE(m_task.MergeMonitorPort());
         PortInfoNode record(80, 1);
         record.alarmNum = 2;
@@ -441,10 +386,9 @@ TEST_F(CollectTaskTest, ExactLookupKeepsEvidenceOfARecordTheOrderingHides) {
     }
 }
 
-// Probes of both families share one record: hosts of both count toward one host limit, the port
-// freezes at it, and the alarm document carries the IPv6 text of the first alarmed host.
+// Hosts of both families count toward one host limit of one record; the alarm names the IPv6 host.
 TEST_F(CollectTaskTest, Ipv6ProbesShareRecordsAndAlarmDocuments) {
-    UsePolicy(R"([{"port":2501,"type":0}])",
+    UsePolicy({{2501, 0}},
               R"(,"ipv6":true,"white_ip6_list":"fd00:78::3","alarm_max_num":0,"port_ip_max_num":2,)"
               R"("exact_port_lookup":true)");
     ASSERT_TRUE(m_task.MergeMonitorPort());
@@ -457,10 +401,9 @@ TEST_F(CollectTaskTest, Ipv6ProbesShareRecordsAndAlarmDocuments) {
         {"10.0.0.5", 2, false},    {"fe80::7", 3, true},      // the third alarmed host
     };
     for (const auto& [remote, alarms, frozen] : probes) {
-        SCOPED_TRACE(remote);
         m_task.HandlePacket(Packet(2501, remote), 100);
-        EXPECT_EQ(alarms, m_log->CountContaining("[PortScan] Alarm found, port [2501]"));
-        EXPECT_EQ(frozen, m_task.IsPortFrozen(2501));
+        EXPECT_EQ(alarms, m_log->CountContaining("[PortScan] Alarm found, port [2501]")) << remote;
+        EXPECT_EQ(frozen, m_task.IsPortFrozen(2501)) << remote;
     }
     EXPECT_EQ(2u, m_log->Count("[PortScan] white ip found (fd00:78::3)"));  // once per classifier
     const PortInfoNode& record = *m_policies.back()->GetPolicyPortSet().begin();
@@ -469,7 +412,6 @@ TEST_F(CollectTaskTest, Ipv6ProbesShareRecordsAndAlarmDocuments) {
     ASSERT_EQ(2u, record.remoteIp6s.size());
     char text[INET6_ADDRSTRLEN];
     EXPECT_STREQ("fe80::7", inet_ntop(AF_INET6, &record.remoteIp6s[1], text, sizeof(text)));
-
     m_task.SendPortAlarm();
     const std::vector<Json::Value> documents = Documents();
     ASSERT_EQ(1u, documents.size());
@@ -479,51 +421,40 @@ TEST_F(CollectTaskTest, Ipv6ProbesShareRecordsAndAlarmDocuments) {
               documents[0]["network_info"]);
 }
 
-// Sockets of this namespace on ports the kernel picks. For IPv4 probes an IPv6 wildcard socket
-// (not IPv6-only) holds its port only with the dual-stack switch; an IPv4 holder counts either way, a
-// free port never. An IPv6 probe finds a port held by an IPv6 socket or by an IPv4 one (a dual-stack
-// client tries IPv6 first).
+// IPv4 sees an IPv6 wildcard holder only with the dual-stack switch; IPv6 sees both (clients try IPv6 first).
 TEST_F(CollectTaskTest, OccupancyQueriesAskTheRightFamilies) {
-    const int v6 = socket(AF_INET6, SOCK_STREAM, 0);
-    if (v6 < 0) {
+    if (const int v6 = socket(AF_INET6, SOCK_STREAM, 0); v6 < 0 || close(v6) != 0) {
         GTEST_SKIP() << "no IPv6 here";
     }
-    close(v6);
     std::vector<int> fds;
-    // Binds a socket to a port of the kernel's choice (TCP ones listen); its port.
-    auto hold = [&fds](int family, int type, int v6only) {
-        const int fd = socket(family, type, 0);
+    // Binds a socket (not IPv6-only) to a port of the kernel's choice, a TCP one listening; its port.
+    auto hold = [&fds](int family, int type) {
+        const int fd = socket(family, type, 0), off = 0;
         fds.push_back(fd);
-        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &v6only, sizeof(v6only));
-        sockaddr_storage address{};
-        address.ss_family = static_cast<sa_family_t>(family);
+        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof(off));
+        sockaddr_in6 address{};  // the port lies where an IPv4 address keeps it
+        address.sin6_family = static_cast<sa_family_t>(family);
         socklen_t length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
         EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), length));
         EXPECT_TRUE(type != SOCK_STREAM || listen(fd, 1) == 0);
         EXPECT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length));
-        return ntohs(family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&address)->sin6_port
-                                        : reinterpret_cast<sockaddr_in*>(&address)->sin_port);
+        return ntohs(address.sin6_port);
     };
-    const uint16_t tcp6 = hold(AF_INET6, SOCK_STREAM, 0), udp6 = hold(AF_INET6, SOCK_DGRAM, 0);
-    const uint16_t tcp4 = hold(AF_INET, SOCK_STREAM, 0), udp4 = hold(AF_INET, SOCK_DGRAM, 0);
-    const uint16_t freed = hold(AF_INET6, SOCK_STREAM, 0);
+    const uint16_t tcp6 = hold(AF_INET6, SOCK_STREAM), udp6 = hold(AF_INET6, SOCK_DGRAM);
+    const uint16_t tcp4 = hold(AF_INET, SOCK_STREAM), udp4 = hold(AF_INET, SOCK_DGRAM);
+    const uint16_t freed = hold(AF_INET6, SOCK_STREAM);
     close(fds.back());
     fds.pop_back();
     // port, protocol; status of the IPv4 query without and with the switch, of the IPv6 query
-    const std::tuple<uint16_t, int, int, int, int> cases[] = {{tcp6, 0, 1, 0, 0}, {udp6, 1, 1, 0, 0},
-                                                              {tcp6, 1, 1, 1, 1}, {tcp4, 0, 0, 0, 0},
-                                                              {udp4, 1, 0, 0, 0}, {freed, 0, 1, 1, 1}};
+    const int cases[][5] = {{tcp6, 0, 1, 0, 0}, {udp6, 1, 1, 0, 0}, {tcp6, 1, 1, 1, 1},
+                            {tcp4, 0, 0, 0, 0}, {udp4, 1, 0, 0, 0}, {freed, 0, 1, 1, 1}};
     for (int query : {0, 1, 2}) {
-        UsePolicy("[]", query == 0 ? "" : query == 1 ? R"(,"dual_stack_occupancy":true)" : R"(,"ipv6":true)");
-        for (const auto& [port, protocol, off, on, six] : cases) {
+        UsePolicy({}, query == 0 ? "" : query == 1 ? R"(,"dual_stack_occupancy":true)" : R"(,"ipv6":true)");
+        for (const int* c : cases) {
             int status = 7;
-            query == 2 ? m_task.CheckPortStatus6(port, status, protocol)
-                       : m_task.CheckPortStatus(port, status, protocol);
-            EXPECT_EQ(query == 0   ? off
-                      : query == 1 ? on
-                                   : six,
-                      status)
-                << query << ": " << port << "/" << protocol;
+            query == 2 ? m_task.CheckPortStatus6(c[0], status, c[1])
+                       : m_task.CheckPortStatus(c[0], status, c[1]);
+            EXPECT_EQ(c[2 + query], status) << query << ": " << c[0] << "/" << c[1];
         }
     }
     for (int fd : fds) {
@@ -531,34 +462,28 @@ TEST_F(CollectTaskTest, OccupancyQueriesAskTheRightFamilies) {
     }
 }
 
-// With the switches against blinding, decoys and alarm floods: a white-listed or public source
-// counts toward no limit; each private source of a port gets its own alarm, once in a run; each
-// source gets one summary once it has been quiet for "summary_quiet_s".
+// Against blinding, decoys and floods: per-source alarms once a run, and a summary once a source is quiet.
 TEST_F(CollectTaskTest, SourcesCountAlarmAndSummariseOnTheirOwn) {
-    UsePolicy(R"([{"port":2301,"type":0}])",
-              R"(,"check_port_before_alarm":true,"alarm_max_num":0,"package_max_num":10,
+    UsePolicy({{2301, 0}}, R"(,"check_port_before_alarm":true,"alarm_max_num":0,"package_max_num":10,
                 "port_package_max_num":5,"white_ip_list":"192.168.1.9","reportable_sources_only":true,
                 "alarm_per_source":true,"scan_summary":true,"summary_quiet_s":1)");
     ASSERT_TRUE(m_task.MergeMonitorPort());
-    int errCount = 0, pktCount = 0;
     // White-listed, and public: past every limit, yet nothing counts.
-    EXPECT_TRUE(Deliver(Frame(2301, false, "192.168.1.9"), 30, pktCount, errCount));
-    EXPECT_TRUE(Deliver(Frame(2301, false, "203.0.113.5"), 30, pktCount, errCount));
-    EXPECT_EQ(0, pktCount);
+    EXPECT_TRUE(Deliver("192.168.1.9", 30));
+    EXPECT_TRUE(Deliver("203.0.113.5", 30));
+    EXPECT_EQ(0, m_pktCount);
     EXPECT_FALSE(m_task.IsPortFrozen(2301));
     for (const char* remote : {"192.168.1.7", "192.168.1.8", "192.168.1.7", "192.168.1.7"}) {
-        EXPECT_TRUE(Deliver(Frame(2301, false, remote), 1, pktCount, errCount));
+        EXPECT_TRUE(Deliver(remote, 1));
     }
-    EXPECT_EQ(4, pktCount);
+    EXPECT_EQ(4, m_pktCount);
     m_task.SendPortAlarm();
     m_task.SendPortAlarm();
-    const std::vector<Json::Value> alarms = Documents();
-    ASSERT_EQ(2u, alarms.size());
-    EXPECT_EQ("192.168.1.7", alarms[0]["network_info"]["remote_address"].asString());
-    EXPECT_EQ(3, alarms[0]["event_count"].asInt());
-    EXPECT_EQ("192.168.1.8", alarms[1]["network_info"]["remote_address"].asString());
-    EXPECT_EQ(1, alarms[1]["event_count"].asInt());
-
+    std::vector<std::pair<std::string, int>> alarms;  // source, event count
+    for (const Json::Value& alarm : Documents()) {
+        alarms.emplace_back(alarm["network_info"]["remote_address"].asString(), alarm["event_count"].asInt());
+    }
+    EXPECT_EQ((std::vector<std::pair<std::string, int>>{{"192.168.1.7", 3}, {"192.168.1.8", 1}}), alarms);
     m_task.SendScanSummaries(false);  // both probed a moment ago
     EXPECT_EQ(2u, m_report->received.size());
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
@@ -579,7 +504,6 @@ TEST_F(CollectTaskTest, SourcesCountAlarmAndSummariseOnTheirOwn) {
 // A summary lists at most the bound of ports, in order, and counts them all.
 TEST(ScanSummaryDocument, ListsBoundedPortsAndCountsAll) {
     ScanSummary summary;
-    summary.localAddress = "10.0.0.1";
     for (unsigned port = 1000; port < 1150; ++port) {
         summary.ports.insert(port);
     }

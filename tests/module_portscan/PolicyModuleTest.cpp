@@ -25,8 +25,7 @@ extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 
 using TestSupport::TestEngine;
 
-// The module caches its logger on first use, and fetching it attaches the logger to the common
-// channel once more: fetch it before the capture is set up for good. Shared with the IPv6 tests.
+// Fetching the module's logger attaches it to the common channel again: do so before capturing.
 TestSupport::RecordingChannel& ModuleLogs() {
     TestSupport::CaptureLogs({"portscan_module"});
     Engine::PortScan::GetLoggerPtr();
@@ -40,29 +39,28 @@ std::string Feature(const std::string& task) {
 }
 
 // A task policy watching `count` TCP ports.
-std::string Ports(int count) {
+std::string Ports(int count, const std::string& condition = R"("task_condition":{},)") {
     std::string list;
     for (int i = 0; i < count; ++i) {
         list += (i == 0 ? "" : ",") + std::string(R"({"port":)") + std::to_string(1000 + i) + "}";
     }
-    return R"({"task_condition":{},"monitor_list":[)" + list + "]}";
+    return "{" + condition + R"("monitor_list":[)" + list + "]}";
 }
 
 TEST(PortScanPolicy, ResultsAndTheirLogLines) {
-    struct Case {
-        bool feature;  // parsed as the feature document, else as the task policy alone
-        std::string text;
-        bool parsed, on;
-        std::string line;  // the one error line, "" for none
-    };
     const std::string get = "[PortScan] Do action (Get ";
-    const Case cases[] = {
+    // as the feature document (else the task policy alone), text, parsed, enabled, the one error line
+    const std::tuple<bool, std::string, bool, bool, std::string> cases[] = {
         {true, "{\"content\":", false, false, "Parse Json Error"},
         {true, R"({"feature_name":"portscan"})", false, false, get + "policy content) fail!"},
         {true, R"({"content":{}})", false, false, get + "port_scan_task) fail!"},
         {true, R"({"content":{"is_feature_enable":false}})", false, false, get + "port_scan_task) fail!"},
         {true, R"({"content":{"is_feature_enable":false,"port_scan_task":{}}})", true, false, ""},
         {false, "{\"monitor_list\":[", false, false, "[PortScan] policy format err!"},
+        {false, R"({"monitor_list":[],"task_condition":{},"ipv6":true,"white_ip6_list":"nonsense"})", false,
+         false, "[!] Parse policy failed in parse_ip6_ranges."},
+        {false, R"({"monitor_list":[],"task_condition":{},"white_ip6_list":",,,"})", false, false,
+         "[!] Parse policy failed in parse_ip6_ranges."},  // with "ipv6" off as well
         {true, Feature(R"({"task_condition":{}})"), true, false, "Parse json monitor_list err"},
         {true, Feature(Ports(51)), true, false, "Ports' num exceed the maximum"},
         {true, Feature(Ports(50)), true, true, ""},
@@ -72,24 +70,23 @@ TEST(PortScanPolicy, ResultsAndTheirLogLines) {
         {true, Feature(R"({"monitor_list":[],"task_condition":{"no_such_key":1}})"), true, false,
          "[Framework] task_condition of (port_scan_task) rejected: unknown key (no_such_key)"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(&c - cases);
+    for (const auto& [asFeature, text, parsed, on, line] : cases) {
+        SCOPED_TRACE(text);
         auto& log = ModuleLogs();
         Engine::PortScanPolicy feature("portscan_info_collect");
         Engine::PortScanTaskPolicy task("port_scan_task");
-        EXPECT_EQ(c.parsed, c.feature ? feature.Parse(c.text) : task.Parse(c.text));
-        EXPECT_EQ(c.on, feature.IsPortScanEnable());
+        EXPECT_EQ(parsed, asFeature ? feature.Parse(text) : task.Parse(text));
+        EXPECT_EQ(on, feature.IsPortScanEnable());
         std::vector<std::string> errors;
         for (const auto& msg : log.Messages()) {
             if (msg.getPriority() == Poco::Message::PRIO_ERROR) {
                 errors.push_back(msg.getText());
             }
         }
-        EXPECT_EQ(c.line.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.line}, errors);
+        EXPECT_EQ(line.empty() ? std::vector<std::string>{} : std::vector<std::string>{line}, errors);
     }
 }
 
-// Bytes the heap hands out at the moment.
 std::size_t HeapInUse() {
 #ifdef __SANITIZE_ADDRESS__
     return __sanitizer_get_current_allocated_bytes();
@@ -101,9 +98,7 @@ std::size_t HeapInUse() {
 TEST(PortScanPolicy, FailedTaskPoliciesDoNotPileUp) {
     auto& log = ModuleLogs();
     // 50 ports and no task condition: each failure leaves a filled task policy of several KB behind.
-    std::string task = Ports(50);
-    task.replace(0, std::string(R"({"task_condition":{},)").size(), "{");
-    const std::string failing = Feature(task);
+    const std::string failing = Feature(Ports(50, ""));
     auto deliver = [&](int times) {
         for (int i = 0; i < times; ++i) {
             Engine::PortScanPolicy feature("portscan_info_collect");
@@ -130,13 +125,12 @@ TEST(PortScanPolicy, MonitorRecordsAndTheirRefresh) {
     policy.RefreshAlarmInfo(update);
     policy.RefreshAlarmInfo(Engine::PortInfoNode(8081, 0));  // not named: not added
     // Type 2 stands for both protocols; the repeated pair is dropped.
-    std::multiset<std::tuple<uint32_t, uint32_t, int32_t, uint64_t>> records;
+    using Records = std::multiset<std::tuple<uint32_t, uint32_t, int32_t, uint64_t>>;
+    Records records;
     for (const auto& node : policy.GetPolicyPortSet()) {
         records.insert({node.port, node.type, node.alarmNum, node.auxValue});
     }
-    EXPECT_EQ((std::multiset<std::tuple<uint32_t, uint32_t, int32_t, uint64_t>>{
-                  {22, 0, 0, 0}, {22, 1, 0, 0}, {80, 1, 3, 0}, {443, 0, 0, 0}}),
-              records);
+    EXPECT_EQ((Records{{22, 0, 0, 0}, {22, 1, 0, 0}, {80, 1, 3, 0}, {443, 0, 0, 0}}), records);
 }
 
 TEST(PortScanPolicy, OptInSwitchesAreOffUnlessTheKeyIsTheJsonTrue) {
@@ -182,8 +176,7 @@ TEST(PortScanModule, SwitchesOneTaskObject) {
     EXPECT_EQ(nullptr, TestEngine().FindTask("port_scan_task"));
 }
 
-// Private means the IPv4 private blocks, or unique-local or link-local IPv6; each family has its own
-// white list (the IPv4 one holds 0.0.0.0, where an IPv6 source's unused IPv4 address points).
+// Each family has its own white list (an IPv6 source's unused IPv4 address is 0.0.0.0, listed here).
 TEST(PortScanChain, VerdictsOfHalfOpenThenCommon) {
     auto& log = ModuleLogs();
     Engine::PortScanTaskPolicy policy("port_scan_task");
@@ -198,9 +191,10 @@ TEST(PortScanChain, VerdictsOfHalfOpenThenCommon) {
     chain.next = &common;
     // remote, protocol, flag text, alarm type (0: no classifier answers, and one "safe" line)
     const std::tuple<const char*, int, const char*, int> cases[] = {
-        {"192.168.1.7", 0, "SYN", 2},     {"10.1.2.3", 0, "SYN,ACK", 1}, {"172.20.0.9", 1, "", 1},
-        {"8.8.8.8", 0, "SYN", 0},         {"172.32.0.1", 0, "SYN", 0},   {"192.168.9.20", 0, "SYN", 0},
-        {"10.0.0.5", 0, "", 1},           {"fd00:78::2", 0, "SYN", 2},   {"fc00::1", 1, "", 1},
+        {"192.168.0.0", 0, "SYN", 2},     {"10.1.2.3", 0, "SYN,ACK", 1}, {"172.31.255.255", 1, "", 1},
+        {"8.8.8.8", 0, "SYN", 0},         {"172.32.0.0", 0, "SYN", 0},   {"192.168.9.20", 0, "SYN", 0},
+        {"10.0.0.5", 0, "", 1},           {"10.255.255.255", 1, "", 1},  {"172.15.255.255", 0, "SYN", 0},
+        {"192.169.0.0", 0, "SYN", 0},     {"fd00:78::2", 0, "SYN", 2},   {"fc00::1", 1, "", 1},
         {"fe80::9", 0, "SYN,ACK", 1},     {"febf:ffff::1", 0, "SYN", 2}, {"fec0::1", 0, "SYN", 0},
         {"fbff::1", 0, "SYN", 0},         {"2001:db8::2", 0, "SYN", 0},  {"fd00:78::3", 0, "SYN", 0},
         {"::ffff:10.0.0.5", 0, "SYN", 0},

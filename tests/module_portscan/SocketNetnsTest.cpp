@@ -1,14 +1,11 @@
-// The socket layer against the kernel, between two namespaces joined by a veth pair: capture side
-// 10.231.0.1/24 and fd00:231::1/64 on "vcap", peer 10.231.0.2/24 and fd00:231::2/64 on "vpeer". Needs
-// root; skips itself otherwise.
+// The socket layer against the kernel, in two namespaces of the test's joined by a veth pair (root only).
 
 #include "IPUtil.h"
 #include "SocketUtil.h"
+#include "TestFrames.h"
 #include "support/NetLab.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <linux/sock_diag.h>
@@ -17,8 +14,6 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <set>
@@ -29,26 +24,28 @@
 using Engine::SocketUtil;
 using TestSupport::NetNs;
 
-namespace {
-
-using Insn = std::tuple<unsigned, unsigned, unsigned, unsigned>;
-
-std::vector<Insn> Insns(const std::vector<sock_filter>& program) {
-    std::vector<Insn> insns;
-    for (const sock_filter& op : program) {
-        insns.emplace_back(op.code, op.jt, op.jf, op.k);
-    }
-    return insns;
+static bool operator==(const sock_filter& a, const sock_filter& b) {
+    return a.code == b.code && a.jt == b.jt && a.jf == b.jf && a.k == b.k;
 }
 
+namespace {
+
 // The classic BPF program the kernel holds for `fd`.
-std::vector<Insn> AttachedProgram(int fd) {
+std::vector<sock_filter> AttachedProgram(int fd) {
     std::vector<sock_filter> ops(BPF_MAXINSNS);
     socklen_t count = ops.size();
     EXPECT_EQ(0, getsockopt(fd, SOL_SOCKET, SO_GET_FILTER, ops.data(), &count));
     ops.resize(count);
-    return Insns(ops);
+    return ops;
 }
+
+// A frame to or from the capture side, sent with the transport source port 0x1000 + its index.
+struct Probe {
+    const char *what, *src, *dst;
+    int protocol;             // or the IPv6 next header
+    uint16_t port, fragment;  // fragment: the IPv4 flags and offset field
+    bool watched, any;        // admitted by the filter for ports 4001 and 4002 / for no port list
+};
 
 class PortScanNetns : public ::testing::Test {
 protected:
@@ -96,12 +93,15 @@ protected:
         return fd;
     }
 
-    // Sends `frames` from the peer's end of the pair.
-    void SendFromPeer(const std::vector<std::vector<unsigned char>>& frames) {
+    // A frame of each probe from the peer's end of the pair.
+    void SendFromPeer(const std::vector<Probe>& probes) {
         RunIn(*m_peer, [&] {
             const int fd = socket(AF_PACKET, SOCK_RAW, 0);
             sockaddr_ll to{AF_PACKET, 0, static_cast<int>(if_nametoindex("vpeer")), 0, 0, 6, {}};
-            for (const auto& frame : frames) {
+            for (size_t i = 0; i < probes.size(); ++i) {
+                const Probe& p = probes[i];
+                const std::string frame = Frame(p.src, p.dst, p.protocol, p.port, 0x1000 + i,
+                                                strchr(p.src, ':') ? 94 : 114, p.fragment);
                 EXPECT_EQ(ssize_t(frame.size()), sendto(fd, frame.data(), frame.size(), 0,
                                                         reinterpret_cast<sockaddr*>(&to), sizeof(to)));
             }
@@ -109,15 +109,14 @@ protected:
         });
     }
 
-    // The frames `fd` queued, each `length` bytes long (the filter's accept length), named by their
-    // transport source port (at `at`) less 0x1000.
-    static std::set<size_t> Admitted(int fd, ssize_t length, size_t at) {
+    // The probes `fd` queued, by index; only their headers (Ethernet, IP, the start of TCP) are queued.
+    static std::set<size_t> Admitted(int fd, bool v6 = false) {
         std::set<size_t> admitted;
         pollfd entry{fd, POLLIN, 0};
         for (int i = 0; i < 50 && poll(&entry, 1, 300) > 0; ++i) {
             unsigned char buffer[256];
-            EXPECT_EQ(length, recv(fd, buffer, sizeof(buffer), 0));
-            admitted.insert((buffer[at] << 8 | buffer[at + 1]) - 0x1000u);
+            EXPECT_EQ(v6 ? 74 : 60, recv(fd, buffer, sizeof(buffer), 0));
+            admitted.insert((buffer[v6 ? 54 : 34] << 8 | buffer[v6 ? 55 : 35]) - 0x1000u);
         }
         return admitted;
     }
@@ -127,48 +126,12 @@ protected:
     std::vector<int> m_fds;
 };
 
-// A frame to or from the capture side, named by its transport source port (0x1000 + `index`).
-struct Probe {
-    const char *what, *src, *dst;
-    int protocol;             // or the IPv6 next header
-    uint16_t port, fragment;  // fragment: the IPv4 flags and offset field
-    bool watched, any;        // admitted by the filter for ports 4001 and 4002 / for no port list (IPv4)
-
-    // Ethernet broadcast, the IP header, a TCP SYN (or UDP) header and payload.
-    std::vector<unsigned char> Frame(size_t index) const {
-        const bool v6 = strchr(src, ':') != nullptr;
-        const size_t transport = v6 ? 54 : 34;
-        std::vector<unsigned char> frame(transport + 20 + (v6 ? 20 : 60), 0);
-        memset(frame.data(), 0xff, 6);
-        // Offset and 16-bit value. IPv4: type, version and header length, total length, fragment
-        // field, TTL and protocol. IPv6: type, version, payload length, next header and hop limit.
-        const std::vector<std::pair<size_t, unsigned>> fields =
-            v6 ? std::vector<std::pair<size_t, unsigned>>{{12, 0x86dd},
-                                                          {14, 0x6000},
-                                                          {18, 40},
-                                                          {20, unsigned(protocol) << 8 | 64}}
-               : std::vector<std::pair<size_t, unsigned>>{
-                     {12, 0x0800}, {14, 0x4500}, {16, 100}, {20, fragment}, {22, 64u << 8 | protocol}};
-        for (const auto& [at, value] : fields) {
-            frame[at] = static_cast<unsigned char>(value >> 8),
-            frame[at + 1] = static_cast<unsigned char>(value);
-        }
-        EXPECT_EQ(1, inet_pton(v6 ? AF_INET6 : AF_INET, src, &frame[v6 ? 22 : 26]));
-        EXPECT_EQ(1, inet_pton(v6 ? AF_INET6 : AF_INET, dst, &frame[v6 ? 38 : 30]));
-        const uint16_t ports[] = {htons(0x1000 + index), htons(port)};
-        memcpy(&frame[transport], ports, 4);
-        frame[transport + 12] = 0x50, frame[transport + 13] = 0x02;
-        return frame;
-    }
-};
-
-// Real frames of both families from the peer through the filters the kernel holds, and the programs
-// read back.
+// Frames of both families from the peer through the filters the kernel holds, and the programs read back.
 TEST_F(PortScanNetns, FiltersAdmitExactlyForeignProbesOfWatchedPorts) {
     const int watched = Capture({4001, 4002}), any = Capture({}), watched6 = Capture({4001, 4002}, true);
     // N = 1 local address, P = 2 ports: 2N + P + 13 instructions.
     const unsigned int local = ntohl(inet_addr("10.231.0.1"));
-    const std::vector<Insn> expected = {
+    const std::vector<sock_filter> expected = {
         {0x28, 0, 0, 12}, {0x15, 0, 14, 0x800}, {0x30, 0, 0, 23}, {0x15, 1, 0, 6},    {0x15, 0, 11, 17},
         {0x28, 0, 0, 20}, {0x45, 9, 0, 0x1fff}, {0xb1, 0, 0, 14}, {0x20, 0, 0, 30},   {0x15, 0, 6, local},
         {0x20, 0, 0, 26}, {0x15, 4, 0, local},  {0x48, 0, 0, 16}, {0x15, 1, 0, 4001}, {0x15, 0, 1, 4002},
@@ -185,14 +148,13 @@ TEST_F(PortScanNetns, FiltersAdmitExactlyForeignProbesOfWatchedPorts) {
     RunIn(*m_cap, [&] { ASSERT_TRUE(Engine::IPUtil::GetLocalhostIp6(local6)); });
     std::vector<sock_filter> expected6;
     ASSERT_TRUE(SocketUtil::BuildPort6BpfProgram(local6, {4001, 4002}, expected6));
-    EXPECT_EQ(Insns(expected6), AttachedProgram(watched6));
+    EXPECT_EQ(expected6, AttachedProgram(watched6));
     // The link-local address the kernel gave vcap is local too.
     const auto linkLocal = std::find_if(local6.begin(), local6.end(),
                                         [](const in6_addr& a) { return IN6_IS_ADDR_LINKLOCAL(&a); });
     ASSERT_NE(local6.end(), linkLocal);
     const std::string linkLocalText = Engine::IPUtil::Ip6Text(*linkLocal);
-
-    const Probe probes[] = {
+    const std::vector<Probe> probes = {
         {"tcp syn, watched port", "10.231.0.2", "10.231.0.1", IPPROTO_TCP, 4001, 0, true, true},
         {"udp, watched port", "10.231.0.2", "10.231.0.1", IPPROTO_UDP, 4002, 0, true, true},
         {"unwatched port", "10.231.0.2", "10.231.0.1", IPPROTO_TCP, 4003, 0, false, true},
@@ -211,31 +173,21 @@ TEST_F(PortScanNetns, FiltersAdmitExactlyForeignProbesOfWatchedPorts) {
         {"ipv6 destination options header", "fd00:231::2", "fd00:231::1", 60, 4001, 0, false, false},
         {"icmpv6", "fd00:231::2", "fd00:231::1", IPPROTO_ICMPV6, 4001, 0, false, false},
     };
-    std::vector<std::vector<unsigned char>> frames;
-    for (size_t i = 0; i < std::size(probes); ++i) {
-        frames.push_back(probes[i].Frame(i));
-    }
-    SendFromPeer(frames);
-    // Only the headers are queued: Ethernet, IP and the first bytes of TCP.
-    const std::set<size_t> admitted[] = {Admitted(watched, 60, 34), Admitted(any, 60, 34),
-                                         Admitted(watched6, 74, 54)};
-    for (size_t i = 0; i < std::size(probes); ++i) {
+    SendFromPeer(probes);
+    const std::set<size_t> admitted[] = {Admitted(watched), Admitted(any), Admitted(watched6, true)};
+    for (size_t i = 0; i < probes.size(); ++i) {
         const bool v6 = strchr(probes[i].src, ':') != nullptr;
-        EXPECT_EQ(!v6 && probes[i].watched, admitted[0].count(i) == 1)
-            << probes[i].what << " (ports 4001, 4002)";
+        EXPECT_EQ(!v6 && probes[i].watched, admitted[0].count(i) == 1) << probes[i].what << " (watched)";
         EXPECT_EQ(!v6 && probes[i].any, admitted[1].count(i) == 1) << probes[i].what << " (no port list)";
         EXPECT_EQ(v6 && probes[i].watched, admitted[2].count(i) == 1) << probes[i].what << " (ipv6)";
     }
 }
 
-// "reportable_sources_only": the kernel admits a probe only from the private ranges the module
-// reports, and nothing from their neighbours.
+// "reportable_sources_only": the kernel admits exactly the private ranges the module reports.
 TEST_F(PortScanNetns, ReportableSourcesOnlyAdmitsExactlyThePrivateRanges) {
     const int capture = Capture({4001}, false, true), capture6 = Capture({4001}, true, true);
-    const struct {
-        const char* src;
-        bool reported;
-    } sources[] = {
+    const std::pair<const char*, bool> sources[] = {
+        // source, reported
         {"9.255.255.255", false}, {"10.0.0.0", true},        {"10.255.255.255", true},
         {"11.0.0.0", false},      {"172.15.255.255", false}, {"172.16.0.0", true},
         {"172.31.255.255", true}, {"172.32.0.0", false},     {"192.167.255.255", false},
@@ -244,18 +196,16 @@ TEST_F(PortScanNetns, ReportableSourcesOnlyAdmitsExactlyThePrivateRanges) {
         {"fdff:ffff::1", true},   {"fe7f:ffff::1", false},   {"fe80::5", true},
         {"febf:ffff::1", true},   {"fec0::1", false},        {"2001:db8::7", false},
     };
-    std::vector<std::vector<unsigned char>> frames;
-    for (size_t i = 0; i < std::size(sources); ++i) {
-        const bool v6 = strchr(sources[i].src, ':') != nullptr;
-        frames.push_back(
-            Probe{"", sources[i].src, v6 ? "fd00:231::1" : "10.231.0.1", IPPROTO_TCP, 4001, 0, true, true}
-                .Frame(i));
+    std::vector<Probe> probes;
+    for (const auto& [src, reported] : sources) {
+        probes.push_back({src, src, strchr(src, ':') ? "fd00:231::1" : "10.231.0.1", IPPROTO_TCP, 4001, 0,
+                          reported, false});
     }
-    SendFromPeer(frames);
-    const std::set<size_t> admitted = Admitted(capture, 60, 34), admitted6 = Admitted(capture6, 74, 54);
-    for (size_t i = 0; i < std::size(sources); ++i) {
-        const bool v6 = strchr(sources[i].src, ':') != nullptr;
-        EXPECT_EQ(sources[i].reported, (v6 ? admitted6 : admitted).count(i) == 1) << sources[i].src;
+    SendFromPeer(probes);
+    const std::set<size_t> admitted = Admitted(capture), admitted6 = Admitted(capture6, true);
+    for (size_t i = 0; i < probes.size(); ++i) {
+        EXPECT_EQ(probes[i].watched, (strchr(probes[i].src, ':') ? admitted6 : admitted).count(i) == 1)
+            << probes[i].src;
     }
     // Eight more instructions on the longest jump: the bound on ports shrinks by as many.
     EXPECT_EQ(SocketUtil::MaxFilterPorts(3), SocketUtil::MaxFilterPorts(3, true) + 8);
@@ -267,28 +217,23 @@ TEST_F(PortScanNetns, ReportableSourcesOnlyAdmitsExactlyThePrivateRanges) {
     EXPECT_FALSE(attached);
 }
 
-// A hundred local addresses take the IPv6 filter's long jumps; the kernel runs it as built, with and
-// without a port list.
+// A hundred local addresses take the IPv6 filter's long jumps, with and without a port list.
 TEST_F(PortScanNetns, Ipv6FilterOverAHundredLocalAddresses) {
     for (int i = 1; i <= 100; ++i) {
         TestSupport::MustRun({"ip", "-n", m_cap->Name(), "addr", "add",
                               "fd00:1::" + std::to_string(i) + "/128", "dev", "vcap", "nodad"});
     }
     const int watched = Capture({4001, 4002}, true), any = Capture({}, true);
-    const Probe probes[] = {
+    const std::vector<Probe> probes = {
         {"first address", "fd00:231::2", "fd00:1::1", IPPROTO_TCP, 4001, 0, true, true},
         {"last address", "fd00:231::2", "fd00:1::100", IPPROTO_UDP, 4002, 0, true, true},
         {"last address, unwatched port", "fd00:231::2", "fd00:1::100", IPPROTO_TCP, 4003, 0, false, true},
         {"local source", "fd00:1::1", "fd00:1::100", IPPROTO_TCP, 4001, 0, false, false},
         {"one word off", "fd00:231::2", "fd00:1::1:0:1", IPPROTO_TCP, 4001, 0, false, false},
     };
-    std::vector<std::vector<unsigned char>> frames;
-    for (size_t i = 0; i < std::size(probes); ++i) {
-        frames.push_back(probes[i].Frame(i));
-    }
-    SendFromPeer(frames);
-    const std::set<size_t> admitted = Admitted(watched, 74, 54), admittedAny = Admitted(any, 74, 54);
-    for (size_t i = 0; i < std::size(probes); ++i) {
+    SendFromPeer(probes);
+    const std::set<size_t> admitted = Admitted(watched, true), admittedAny = Admitted(any, true);
+    for (size_t i = 0; i < probes.size(); ++i) {
         EXPECT_EQ(probes[i].watched, admitted.count(i) == 1) << probes[i].what;
         EXPECT_EQ(probes[i].any, admittedAny.count(i) == 1) << probes[i].what << " (no port list)";
     }
@@ -317,29 +262,22 @@ TEST_F(PortScanNetns, SocketDiagnosticsAndRouteDump) {
             close(fd);
         }
         // "dual_stack_occupancy": only an IPv6 socket an IPv4 packet reaches holds the port for it.
-        const struct {
-            uint16_t port;
-            const char* address;
-            int v6only;
-            int expected;  // 0: holds it for IPv4
-        } sockets[] = {
+        // port, address, IPV6_V6ONLY, result (0: holds it for IPv4)
+        const std::tuple<uint16_t, const char*, int, int> sockets[] = {
             {4110, "::", 1, 1}, {4111, "::", 0, 0}, {4112, "::1", 0, 1}, {4113, "::ffff:127.0.0.1", 0, 0}};
-        for (const auto& s : sockets) {
+        for (const auto& [port, text, v6only, expected] : sockets) {
             const int fd = socket(AF_INET6, SOCK_STREAM, 0);
-            ASSERT_EQ(0, setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &s.v6only, sizeof(s.v6only)));
-            sockaddr_in6 address{};
-            address.sin6_family = AF_INET6;
-            address.sin6_port = htons(s.port);
-            ASSERT_EQ(1, inet_pton(AF_INET6, s.address, &address.sin6_addr));
-            ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address))) << s.port;
+            ASSERT_EQ(0, setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &v6only, sizeof(v6only)));
+            sockaddr_in6 address{AF_INET6, htons(port), 0, {}, 0};
+            ASSERT_EQ(1, inet_pton(AF_INET6, text, &address.sin6_addr));
+            ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address))) << port;
             ASSERT_EQ(0, listen(fd, 4));
             m_fds.push_back(fd);
             int result = -1;
-            EXPECT_TRUE(SocketUtil::QueryDualStackPort(s.port, 0, result));
-            EXPECT_EQ(s.expected, result) << s.port;
+            EXPECT_TRUE(SocketUtil::QueryDualStackPort(port, 0, result));
+            EXPECT_EQ(expected, result) << port;
         }
     });
-
     // A gatewayed route inside this isolated namespace (no default route); nothing is sent along it.
     TestSupport::MustRun({"ip", "-n", m_cap->Name(), "route", "add", "10.99.0.0/16", "via", "10.231.0.254"});
     std::vector<Engine::RouteTable> table;
