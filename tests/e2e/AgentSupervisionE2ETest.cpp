@@ -31,46 +31,25 @@ const unsigned kPacedCount = 20;
 
 // The CPU limit the product ships with.
 int ShippedCpuLimit() {
-    Json::Value config;
-    EXPECT_TRUE(ParseJson(ReadFile(SHIPPED_AGENT_CONFIG), config)) << SHIPPED_AGENT_CONFIG;
-    return config["cpu_limit_percent"].asInt();
+    return Parsed(ReadFile(SHIPPED_AGENT_CONFIG))["cpu_limit_percent"].asInt();
 }
 
-std::string Policy(const std::vector<unsigned>& ports) {
-    // "package_max_num" is reached before any port freezes, and is above the paced scan.
-    Json::Value task;
-    ParseJson(R"({"white_ip_list": "", "check_port_before_alarm": true, "port_package_max_num": 40,
-        "port_ip_max_num": 4, "alarm_max_num": 0, "package_max_num": 30, "only_master_interface": false,
-        "enable": true, "task_condition": {}, "monitor_list": []})",
-              task);
-    for (unsigned port : ports) {
-        Json::Value& entry = task["monitor_list"].append(Json::objectValue);
-        entry["port"] = port;
-        entry["type"] = 0;
-    }
-    return FeaturePolicyText(task, "supervision");
+// "package_max_num" is reached before any port freezes, and is above the paced scan.
+std::string Policy(const std::vector<std::pair<unsigned, int>>& watched) {
+    return FeaturePolicyText("supervision", WatchingTask(watched, R"({"white_ip_list": "",
+        "check_port_before_alarm": true, "port_package_max_num": 40, "port_ip_max_num": 4, "alarm_max_num": 0,
+        "package_max_num": 30, "only_master_interface": false, "enable": true, "task_condition": {}})"));
 }
 
-std::string Config(int cpuLimit, int restartDelay, int renewAfter) {
-    return R"({"log": {"level": "information", "console": false, "file": "log/hostagent.log"},
-        "modules": [")" PORTSCAN_MODULE_PATH R"("], "policies": {"10001": "portscan.json"},
-        "report": {"sinks": [{"type": "file", "path": "alarms.jsonl"}]}, "cpu_limit_percent": )" +
-           std::to_string(cpuLimit) + R"(, "supervisor": {"restart_delay_s": )" +
-           std::to_string(restartDelay) + R"(, "renew_after_s": )" + std::to_string(renewAfter) + "}}";
-}
-
-// The agent on `config` and `policy` written to `dir`, in namespace `ns` ("" for this one), run by
-// `argv` if it names a program.
-std::unique_ptr<Child> StartIn(const TempDir& dir, const std::string& config, const std::string& policy,
-                               const std::string& ns = "", std::vector<std::string> argv = {}) {
-    WriteFile(dir.File("agent.json"), config);
-    WriteFile(dir.File("portscan.json"), policy);
-    argv.insert(argv.end(), {HOSTAGENT_PATH, "--config", dir.File("agent.json")});
-    return std::make_unique<Child>(argv, ns, dir.File("agent.out"), dir.File("agent.err"));
-}
-
-size_t CountIn(const std::string& path, const std::string& needle) {
-    return Occurrences(ReadFile(path), needle);
+Json::Value Config(int cpuLimit, int restartDelay, int renewAfter) {
+    Json::Value config = Parsed(R"({"log": {"level": "information", "console": false,
+        "file": "log/hostagent.log"}, "modules": [")" PORTSCAN_MODULE_PATH R"("],
+        "policies": {"10001": "portscan.json"},
+        "report": {"sinks": [{"type": "file", "path": "alarms.jsonl"}]}})");
+    config["cpu_limit_percent"] = cpuLimit;
+    config["supervisor"]["restart_delay_s"] = restartDelay;
+    config["supervisor"]["renew_after_s"] = renewAfter;
+    return config;
 }
 
 // CPU seconds (user + system) the process has used: fields 14 and 15 of its stat, counted from the
@@ -83,13 +62,13 @@ double CpuSeconds(pid_t pid) {
 }
 
 TEST(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
-    if (const std::string why = MissingPrerequisite({"ip", "nmap", "hping3"}); !why.empty()) {
-        GTEST_SKIP() << why;
-    }
+    SKIP_WITHOUT("ip", "nmap", "hping3");
     Lab lab("sup", kAgentAddr, kScannerAddr);
-    std::vector<unsigned> ports = {kFloodedPort, kRenewedPort};
+    std::vector<std::pair<unsigned, int>> ports = {{kFloodedPort, 0}, {kRenewedPort, 0}};
+    std::multiset<unsigned> pacedAndRenewed = {kRenewedPort};
     for (unsigned i = 0; i < kPacedCount; ++i) {
-        ports.push_back(kPacedFirst + i);
+        ports.emplace_back(kPacedFirst + i, 0);
+        pacedAndRenewed.insert(kPacedFirst + i);
     }
     const int restartDelay = 5;
     ASSERT_NO_FATAL_FAILURE(lab.StartAgent(Policy(ports), Config(ShippedCpuLimit(), restartDelay, 5)));
@@ -99,7 +78,8 @@ TEST(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
     };
     auto Tail = [&] { return TestSupport::Run({"tail", "-n", "30", lab.Log()}).output; };
     auto CaptureBuilt = [&](size_t times) {
-        return WaitUntil([&] { return CountIn(lab.Log(), "Reload BPF rules") >= times; }, Seconds(30));
+        return WaitUntil([&] { return Occurrences(ReadFile(lab.Log()), "Reload BPF rules") >= times; },
+                         Seconds(30));
     };
     RunResult status;
     ASSERT_TRUE(WaitUntil([&] { return (status = Status()).code == 0; }, Seconds(10))) << status.output;
@@ -131,16 +111,13 @@ TEST(AgentSupervisionE2E, FloodStopIsRestartedAndRenewalLetsAPortAlarmAgain) {
              std::to_string(kPacedFirst) + "-" + std::to_string(kPacedFirst + kPacedCount - 1), 42002,
              kAgentAddr);
     lab.Scan(Hping("-S", kRenewedPort, 1, "1", 42001, kAgentAddr));
-    EXPECT_TRUE(WaitUntil([&] { return CountIn(lab.Log(), "[PortScan] Alarm found") >= kPacedCount + 1; },
-                          Seconds(10)))
+    EXPECT_TRUE(WaitUntil(
+        [&] { return Occurrences(ReadFile(lab.Log()), "[PortScan] Alarm found") >= kPacedCount + 1; },
+        Seconds(10)))
         << Tail();
-    const std::multiset<unsigned> alarmed =
-        AlarmPorts(lab.WaitForAlarms(kPacedCount + 1, Seconds(restarted + 80 - time(nullptr))));
-    for (unsigned i = 0; i < kPacedCount; ++i) {
-        EXPECT_EQ(alarmed.count(kPacedFirst + i), 1u) << "port " << kPacedFirst + i;
-    }
-    EXPECT_EQ(alarmed.count(kRenewedPort), 1u);
-    EXPECT_EQ(alarmed.count(kFloodedPort), 0u);  // its alarms went down with the stopped task
+    // Once each; none for the flooded port: its alarms went down with the stopped task.
+    EXPECT_EQ(AlarmPorts(lab.WaitForAlarms(kPacedCount + 1, Seconds(restarted + 80 - time(nullptr)))),
+              pacedAndRenewed);
 
     // The renewal comes right after that tick; a new probe of the same port alarms again, which one
     // run of the task never does.
@@ -164,15 +141,15 @@ TEST(AgentBoundsE2E, EmptyMonitorListStaysUnderTheCpuLimitAndAFailingSocketBuild
     ASSERT_GT(limit, 0) << "the shipped config must bound the CPU";
     ASSERT_LE(limit, 10);
     TempDir idleDir;
-    const std::unique_ptr<Child> idle = StartIn(idleDir, Config(limit, 60, 0), Policy({}));
+    const std::unique_ptr<Child> idle = StartAgentIn(idleDir.Path(), Config(limit, 60, 0), Policy({}));
 
     // The socket build fails for lack of CAP_NET_RAW; no CPU limit, so only the log budget bounds it.
     TempDir failDir;
     const std::unique_ptr<Child> failing =
-        StartIn(failDir, Config(0, 60, 0), Policy({2501, 2502, 2503}), "",
-                geteuid() == 0 ? std::vector<std::string>{FindProgram("setpriv"), "--bounding-set",
-                                                          "-net_raw", "--inh-caps", "-net_raw", "--"}
-                               : std::vector<std::string>{});
+        StartAgentIn(failDir.Path(), Config(0, 60, 0), Policy({{2501, 0}, {2502, 0}, {2503, 0}}), "",
+                     geteuid() == 0 ? std::vector<std::string>{FindProgram("setpriv"), "--bounding-set",
+                                                               "-net_raw", "--inh-caps", "-net_raw", "--"}
+                                    : std::vector<std::string>{});
     const std::string failLog = failDir.File("log/hostagent.log");
     ASSERT_TRUE(WaitForLine(failLog, "first run port_scan_task", Seconds(15)))
         << ReadFile(failDir.File("agent.err"));
@@ -191,10 +168,10 @@ TEST(AgentBoundsE2E, EmptyMonitorListStaysUnderTheCpuLimitAndAFailingSocketBuild
     const std::size_t lines = ReadLines(failLog).size();
     std::cout << "log lines in 60 s of failing socket builds: " << lines << "\n";
     EXPECT_LE(lines, 300u);
-    EXPECT_GT(CountIn(failLog, "suppressed in"), 0u)
+    EXPECT_GT(Occurrences(ReadFile(failLog), "suppressed in"), 0u)
         << "the socket build did not fail: is CAP_NET_RAW still there?";
     // The operator is told at start which privilege is missing and what it costs.
-    EXPECT_EQ(CountIn(failLog, "No CAP_NET_RAW: packet capture will fail"), 1u);
+    EXPECT_EQ(Occurrences(ReadFile(failLog), "No CAP_NET_RAW: packet capture will fail"), 1u);
     EXPECT_TRUE(idle->Running());
     EXPECT_TRUE(failing->Running());
 }

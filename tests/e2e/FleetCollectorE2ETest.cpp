@@ -1,10 +1,6 @@
-// A fleet and its collector: three agent hosts, a scanner and a collector share one test LAN (a
-// bridge in a namespace of the test's, private addresses, no default route). Each agent runs the
-// shipped policy in a namespace (and host name) of its own and sends ECS documents over TCP syslog
-// to the collector, which runs Debian's rsyslog and PostgreSQL with the shipped collector files (only
-// addresses and credentials changed). The scanner probes one watched port on each host while
-// PostgreSQL restarts: every alarm is stored once, none is lost, and portscan_sweeps names the
-// scanner with three hosts.
+// Three agents (shipped policy, own namespace and host name) send ECS over TCP syslog to a collector with
+// Debian's rsyslog, PostgreSQL and the shipped collector files, on a test bridge. A sweep of the three while
+// PostgreSQL restarts: each alarm stored once, none lost, portscan_sweeps names the scanner with three hosts.
 
 #include "ScanLab.h"
 
@@ -14,6 +10,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -31,13 +28,7 @@ const int kSourcePort = 42501;
 class FleetCollectorE2E : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (const std::string why = MissingPrerequisite({"ip", "nmap", "rsyslogd", "psql", "unshare"});
-            !why.empty()) {
-            GTEST_SKIP() << why;
-        }
-        if (access((std::string(kPgBin) + "pg_ctl").c_str(), X_OK) != 0) {
-            GTEST_SKIP() << "PostgreSQL 15 is not installed";
-        }
+        SKIP_WITHOUT("ip", "nmap", "rsyslogd", "psql", "unshare", "/usr/lib/postgresql/15/bin/pg_ctl");
         const std::string prefix = "e2c" + std::to_string(getpid()) + "-";
         RemoveStaleNamespaces("e2c");
         m_lan = std::make_unique<NetNs>(prefix + "lan");
@@ -55,64 +46,46 @@ protected:
                  "-A", "trust", "-U", "postgres"},
                 "", Seconds(120));
         StartDatabase();
-        Psql({"-c", "CREATE DATABASE hostagent"}, "postgres");
-        Psql({"-q", "-f", SOURCE_DIR "/packaging/collector/schema.sql"});
+        Psql("CREATE DATABASE hostagent", "postgres");
+        Psql("\\i " SOURCE_DIR "/packaging/collector/schema.sql");
 
         std::string conf = ReadFile(SOURCE_DIR "/packaging/collector/hostagent-collector.conf");
-        for (const auto& [from, to] :
-             std::vector<std::pair<std::string, std::string>>{{"COLLECTOR_LISTEN_ADDRESS", kCollector},
-                                                              {"COLLECTOR_DB_HOST", m_dir.File("pgsock")},
-                                                              {"COLLECTOR_DB_PORT", "5432"},
-                                                              {"COLLECTOR_DB_NAME", "hostagent"},
-                                                              {"COLLECTOR_DB_USER", "postgres"},
-                                                              {"COLLECTOR_DB_PASSWORD", ""}}) {
-            conf.replace(conf.find(from), from.size(), to);
+        // Each placeholder, then its value.
+        const std::string values[] = {
+            "COLLECTOR_LISTEN_ADDRESS", kCollector, "COLLECTOR_DB_HOST",     m_dir.File("pgsock"),
+            "COLLECTOR_DB_PORT",        "5432",     "COLLECTOR_DB_NAME",     "hostagent",
+            "COLLECTOR_DB_USER",        "postgres", "COLLECTOR_DB_PASSWORD", ""};
+        for (size_t i = 0; i < std::size(values); i += 2) {
+            conf.replace(conf.find(values[i]), values[i].size(), values[i + 1]);
         }
         WriteFile(m_dir.File("collector.conf"), conf);
-        MustRun({"mkdir", "-p", m_dir.File("rsyslog")});
-        WriteFile(m_dir.File("rsyslog.conf"), "global(workDirectory=\"" + m_dir.File("rsyslog") +
-                                                  "\")\ninclude(file=\"" + m_dir.File("collector.conf") +
-                                                  "\")\n");
-        const RunResult valid = TestSupport::Run({"rsyslogd", "-N1", "-f", m_dir.File("rsyslog.conf")});
-        ASSERT_EQ(valid.code, 0) << valid.output;
-        // The configurations for larger fleets are accepted as shipped.
-        for (const char* shipped :
-             {"hostagent-relay.conf", "hostagent-elasticsearch.conf", "hostagent-kafka.conf"}) {
-            WriteFile(m_dir.File("check.conf"),
-                      "global(workDirectory=\"" + m_dir.File("rsyslog") +
-                          "\")\ninclude(file=\"" SOURCE_DIR "/packaging/collector/" + shipped + "\")\n");
+        // The collector's configuration and those for larger fleets are accepted as shipped.
+        const std::string shipped = SOURCE_DIR "/packaging/collector/hostagent-";
+        for (const std::string& included : {m_dir.File("collector.conf"), shipped + "relay.conf",
+                                            shipped + "elasticsearch.conf", shipped + "kafka.conf"}) {
+            WriteFile(m_dir.File("check.conf"), RsyslogConf(m_dir, "include(file=\"" + included + "\")\n"));
             const RunResult checked = TestSupport::Run({"rsyslogd", "-N1", "-f", m_dir.File("check.conf")});
-            EXPECT_TRUE(checked.code == 0 && checked.output.find("error") == std::string::npos &&
-                        checked.output.find("disabled") == std::string::npos)
-                << shipped << ":\n"
+            EXPECT_TRUE(checked.code == 0 && !std::regex_search(checked.output, std::regex("error|disabled")))
+                << included << ":\n"
                 << checked.output;
         }
-        m_rsyslog = std::make_unique<Child>(
-            std::vector<std::string>{FindProgram("rsyslogd"), "-n", "-f", m_dir.File("rsyslog.conf"), "-i",
-                                     m_dir.File("rsyslog.pid")},
-            m_collector->Name(), m_dir.File("rsyslog.out"), m_dir.File("rsyslog.err"));
+        m_rsyslog = StartRsyslog(m_dir, "include(file=\"" + m_dir.File("collector.conf") + "\")\n",
+                                 m_collector->Name());
 
         // The agents, each with its own host name, files and spool.
+        Json::Value config = AgentConfig();
+        Json::Value& sink = config["report"]["sinks"].append(
+            Parsed(R"({"type": "syslog", "protocol": "tcp", "spool": "syslog.spool", "format": "ecs"})"));
+        sink["address"] = std::string(kCollector) + ":6514";
         for (size_t i = 0; i < m_hosts.size(); ++i) {
-            const std::string folder = m_dir.File("agent" + std::to_string(i + 1));
+            const std::string folder = Folder(i);
             MustRun({"mkdir", "-p", folder});
-            Json::Value config;
-            ASSERT_TRUE(ParseJson(AgentConfigText(PORTSCAN_MODULE_PATH), config));
-            Json::Value sink;
-            ParseJson(R"({"type": "syslog", "protocol": "tcp", "spool": "syslog.spool", "format": "ecs"})",
-                      sink);
-            sink["address"] = std::string(kCollector) + ":6514";
-            config["report"]["sinks"].append(sink);
-            WriteFile(folder + "/agent.json", config.toStyledString());
-            WriteFile(folder + "/portscan.json", ReadFile(SHIPPED_POLICY));
             m_agents.push_back(
-                std::make_unique<Child>(std::vector<std::string>{FindProgram("unshare"), "--uts", "sh", "-c",
-                                                                 "hostname host" + std::to_string(i + 1) +
-                                                                     " && exec " HOSTAGENT_PATH " --config " +
-                                                                     folder + "/agent.json"},
-                                        m_hosts[i]->Name(), folder + "/stdout", folder + "/stderr"));
+                StartAgentIn(folder, config, ReadFile(SHIPPED_POLICY), m_hosts[i]->Name(),
+                             {FindProgram("unshare"), "--uts", "sh", "-c",
+                              "hostname host" + std::to_string(i + 1) + " && exec \"$0\" \"$@\""}));
             ASSERT_TRUE(WaitForLine(folder + "/log/hostagent.log", "Reload BPF rules", Seconds(20)))
-                << ReadFile(folder + "/stderr");
+                << ReadFile(folder + "/agent.err");
         }
     }
 
@@ -123,8 +96,7 @@ protected:
         }
         m_agents.clear();
         m_rsyslog.reset();
-        TestSupport::Run({"runuser", "-u", "postgres", "--", std::string(kPgBin) + "pg_ctl", "-D",
-                          m_dir.File("pg"), "-m", "fast", "stop"});
+        TestSupport::Run(PgCtl({"-m", "fast", "stop"}));
         if (HasFailure()) {
             m_dir.Keep();
             std::cerr << "collector files kept in " << m_dir.Path() << "\n";
@@ -143,49 +115,33 @@ protected:
         return ns;
     }
 
+    std::string Folder(size_t host) const { return m_dir.File("agent" + std::to_string(host + 1)); }
+    std::vector<std::string> PgCtl(std::vector<std::string> args) {
+        args.insert(args.begin(), {"runuser", "-u", "postgres", "--", std::string(kPgBin) + "pg_ctl", "-D",
+                                   m_dir.File("pg")});
+        return args;
+    }
     void StartDatabase() {
-        MustRun({"runuser", "-u", "postgres", "--", std::string(kPgBin) + "pg_ctl", "-D", m_dir.File("pg"),
-                 "-l", m_dir.File("pg/postgres.log"), "-o",
-                 "-k " + m_dir.File("pgsock") + " -c listen_addresses=''", "-w", "start"},
+        MustRun(PgCtl({"-l", m_dir.File("pg/postgres.log"), "-o",
+                       "-k " + m_dir.File("pgsock") + " -c listen_addresses=''", "-w", "start"}),
                 "", Seconds(60));
     }
-    void StopDatabase() {
-        MustRun({"runuser", "-u", "postgres", "--", std::string(kPgBin) + "pg_ctl", "-D", m_dir.File("pg"),
-                 "-m", "fast", "-w", "stop"},
-                "", Seconds(60));
-    }
-    std::string Psql(const std::vector<std::string>& args, const std::string& db = "hostagent") {
-        std::vector<std::string> argv = {"psql", "-h", m_dir.File("pgsock"), "-U", "postgres", "-d",
-                                         db,     "-At"};
-        argv.insert(argv.end(), args.begin(), args.end());
-        return MustRun(argv);
+    std::string Psql(const std::string& sql, const std::string& db = "hostagent") {
+        return MustRun({"psql", "-h", m_dir.File("pgsock"), "-U", "postgres", "-d", db, "-At", "-c", sql});
     }
 
     // The event ids of every alarm the agents wrote to their own files.
     std::set<std::string> SentIds() {
         std::set<std::string> ids;
         for (size_t i = 0; i < m_hosts.size(); ++i) {
-            for (const Json::Value& alarm :
-                 ReadAlarms(m_dir.File("agent" + std::to_string(i + 1) + "/alarms.jsonl"))) {
-                ids.insert(alarm["event_id"].asString());
-            }
-        }
-        return ids;
-    }
-    std::set<std::string> StoredIds() {
-        std::set<std::string> ids;
-        std::istringstream rows(Psql({"-c", "SELECT event_id FROM hostagent_alarms"}));
-        for (std::string id; std::getline(rows, id);) {
-            ids.insert(id);
+            ids.merge(EventIds(ReadAlarms(Folder(i) + "/alarms.jsonl")));
         }
         return ids;
     }
     void Scan(size_t host) {
-        const RunResult scanned =
-            TestSupport::Run({"nmap", "-sS", "-Pn", "-n", "-p", "3389", "-g", std::to_string(kSourcePort),
-                              "--max-retries", "1", kHosts[host]},
-                             m_scanner->Name(), Seconds(60));
-        EXPECT_EQ(scanned.code, 0) << scanned.output;
+        MustRun({"nmap", "-sS", "-Pn", "-n", "-p", "3389", "-g", std::to_string(kSourcePort), "--max-retries",
+                 "1", kHosts[host]},
+                m_scanner->Name());
     }
 
     TempDir m_dir;
@@ -198,23 +154,28 @@ protected:
 
 TEST_F(FleetCollectorE2E, ASweepOverThreeHostsIsSeenCentrallyAcrossADatabaseRestart) {
     Scan(0);
-    StopDatabase();  // in the middle of the sweep: the collector's queue holds what comes meanwhile
+    // In the middle of the sweep: the collector's queue holds what comes meanwhile.
+    MustRun(PgCtl({"-m", "fast", "-w", "stop"}), "", Seconds(60));
     Scan(1);
     std::this_thread::sleep_for(std::chrono::seconds(2));
     StartDatabase();
     Scan(2);
     // Each host: the SYN's alarm and, once the scanner is quiet, its scan summary.
     ASSERT_TRUE(WaitUntil([&] { return SentIds().size() >= 6; }, Seconds(30))) << SentIds().size();
-    std::set<std::string> sent = SentIds();
-    EXPECT_TRUE(WaitUntil([&] { return StoredIds() == sent; }, Seconds(30)))
-        << "stored " << StoredIds().size() << " of " << sent.size() << "\n"
-        << ReadFile(m_dir.File("rsyslog.err"));
-    EXPECT_EQ(Psql({"-c", "SELECT count(*) FROM hostagent_alarms"}), std::to_string(sent.size()) + "\n");
-    EXPECT_EQ(Psql({"-c", "SELECT source || ' ' || hosts || ' ' || ports FROM portscan_sweeps"}),
+    // Stored once each: the rows in bytewise order are the ids sent.
+    std::string sent;
+    for (const std::string& id : SentIds()) {
+        sent += id + "\n";
+    }
+    const std::string stored = "SELECT event_id FROM hostagent_alarms ORDER BY event_id COLLATE \"C\"";
+    EXPECT_TRUE(WaitUntil([&] { return Psql(stored) == sent; }, Seconds(30)))
+        << "stored:\n"
+        << Psql(stored) << "sent:\n"
+        << sent << ReadFile(m_dir.File("rsyslog.out"));
+    EXPECT_EQ(Psql("SELECT source || ' ' || hosts || ' ' || ports FROM portscan_sweeps"),
               std::string(kScanner) + " 3 1\n");
-    EXPECT_EQ(
-        Psql({"-c", "SELECT count(*) FROM portscan_sources WHERE source = '" + std::string(kScanner) + "'"}),
-        "3\n");
+    EXPECT_EQ(Psql("SELECT count(*) FROM portscan_sources WHERE source = '" + std::string(kScanner) + "'"),
+              "3\n");
 }
 
 }  // namespace

@@ -1,16 +1,15 @@
-// The whole product against real scanners: hostagent with the port-scan module runs in a network
-// namespace of its own, and nmap and hping3 probe it from three other namespaces (a private
-// scanner, a white-listed one and one outside the private ranges). One agent run covers every
-// scenario, each on ports of its own, over two one-minute ticks.
+// The whole product against real scanners: the agent in a namespace of its own, nmap and hping3 from
+// a private scanner, a white-listed one and a public one. One agent run covers every scenario, each on
+// ports of its own, over two one-minute ticks.
 
 #include "ScanLab.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <ctime>
+#include <tuple>
 
 using namespace TestSupport;
 using namespace ScanLab;
@@ -27,52 +26,24 @@ const size_t kLocalAddrCount = 3;
 // Watched ports, one group per scenario. The UDP ports lie above every TCP port: the port records'
 // ordering is deliberately inconsistent when port and protocol disagree, and a record it cannot find
 // again collects no alarm (a property of the module, kept out of this test's way).
-enum : unsigned {
-    kSynNmapA = 2301,
-    kSynNmapB,
-    kSynHping,
-    kListened,
-    kWhiteListed,
-    kFromPublic,
-    kProbedOnce,
-    kFlooded,
-    kDuringRewrite,
-    kUdpNmap = 2351,
-    kUdpHping,
-};
+const unsigned kSynNmapA = 2301, kSynNmapB = 2302, kSynHping = 2303, kListened = 2304, kWhiteListed = 2305,
+               kFromPublic = 2306, kProbedOnce = 2307, kFlooded = 2308, kDuringRewrite = 2309;
+const unsigned kUdpNmap = 2351, kUdpHping = 2352;
 
-struct ExpectedAlarm {
-    unsigned port;
-    bool udp;
-    int remotePort;  // the scanner's fixed source port
-};
-
-// Alarms due at the first tick after the scans of the first minute.
-const ExpectedAlarm kFirstTickAlarms[] = {
+// Alarms due at the first tick after the scans of the first minute: port, UDP, the scanner's source port.
+const std::tuple<unsigned, bool, int> kFirstTickAlarms[] = {
     {kSynNmapA, false, 41001}, {kSynNmapB, false, 41001}, {kSynHping, false, 41003},
     {kUdpNmap, true, 41004},   {kUdpHping, true, 41005},
 };
-const ExpectedAlarm kRewriteAlarm = {kDuringRewrite, false, 41009};
 
 std::string PolicyText(const std::string& hash) {
-    Json::Value task;
-    ParseJson(
-        R"({"white_ip_list": "192.168.77.0/24", "check_port_before_alarm": true, "port_package_max_num": 20,
-        "port_ip_max_num": 4, "alarm_max_num": 1, "package_max_num": 1000, "only_master_interface": false,
-        "enable": true, "task_condition": {}})",
-        task);
+    std::vector<std::pair<unsigned, int>> watched;
     for (unsigned port = kSynNmapA; port <= kUdpHping; port = port == kDuringRewrite ? kUdpNmap : port + 1) {
-        Json::Value entry;
-        entry["port"] = port;
-        entry["type"] = port >= kUdpNmap ? 1 : 0;
-        task["monitor_list"].append(entry);
+        watched.emplace_back(port, port >= kUdpNmap ? 1 : 0);
     }
-    return FeaturePolicyText(task, hash);
-}
-
-void ExpectAlarm(const Json::Value& alarm, const ExpectedAlarm& want, long notBefore) {
-    ScanLab::ExpectAlarm(alarm, want.port, want.udp, kMonitoredAddr, kScannerAddr, want.remotePort,
-                         notBefore);
+    return FeaturePolicyText(hash, WatchingTask(watched, R"({"white_ip_list": "192.168.77.0/24",
+        "check_port_before_alarm": true, "port_package_max_num": 20, "port_ip_max_num": 4, "alarm_max_num": 1,
+        "package_max_num": 1000, "only_master_interface": false, "enable": true, "task_condition": {}})"));
 }
 
 const Json::Value* AlarmFor(const std::vector<Json::Value>& alarms, unsigned port) {
@@ -82,9 +53,7 @@ const Json::Value* AlarmFor(const std::vector<Json::Value>& alarms, unsigned por
 }
 
 TEST(PortScanE2E, RealScansRaiseExactlyTheExpectedAlarms) {
-    if (const std::string why = MissingPrerequisite({"ip", "ss", "nmap", "hping3", "nc"}); !why.empty()) {
-        GTEST_SKIP() << why;
-    }
+    SKIP_WITHOUT("ip", "ss", "nmap", "hping3", "nc");
     Lab lab("e2e", kMonitoredAddr, kScannerAddr);
     const std::string white = lab.AddNeighbour("white", kMonitoredWhiteSide, "192.168.77.2").Name();
     const std::string pub = lab.AddNeighbour("pub", kMonitoredPublicSide, "198.51.100.2").Name();
@@ -96,10 +65,8 @@ TEST(PortScanE2E, RealScansRaiseExactlyTheExpectedAlarms) {
     const long started = time(nullptr);
     // Tick 0 builds the monitor list and the capture socket.
     ASSERT_NO_FATAL_FAILURE(lab.StartAgent(PolicyText("first")));
-    const pid_t agentPid = lab.agent->Pid();
     std::vector<BpfInsn> before;
-    ASSERT_TRUE(
-        WaitUntil([&] { return !(before = AttachedFilter(lab.mon.Name(), agentPid)).empty(); }, Seconds(10)))
+    ASSERT_TRUE(WaitUntil([&] { return !(before = lab.AgentFilter()).empty(); }, Seconds(10)))
         << "no filter attached to the agent's packet socket";
     const std::vector<unsigned> portsBefore = FilterPorts(before);
     EXPECT_EQ(before.size(), 2 * kLocalAddrCount + portsBefore.size() + 13);
@@ -133,7 +100,7 @@ TEST(PortScanE2E, RealScansRaiseExactlyTheExpectedAlarms) {
     std::vector<BpfInsn> after;
     EXPECT_TRUE(WaitUntil(
         [&] {
-            after = AttachedFilter(lab.mon.Name(), agentPid);
+            after = lab.AgentFilter();
             return !after.empty() && !Contains(FilterPorts(after), kFlooded);
         },
         Seconds(20)))
@@ -150,10 +117,10 @@ TEST(PortScanE2E, RealScansRaiseExactlyTheExpectedAlarms) {
     // Tick 1 (about a minute after start) sends the alarms of the first minute, one per port.
     const std::vector<Json::Value> firstTick =
         lab.WaitForAlarms(std::size(kFirstTickAlarms), Seconds(started + 110 - time(nullptr)));
-    for (const auto& want : kFirstTickAlarms) {
-        const Json::Value* alarm = AlarmFor(firstTick, want.port);
-        ASSERT_TRUE(alarm) << "no alarm for port " << want.port;
-        ExpectAlarm(*alarm, want, started);
+    for (const auto& [port, udp, remotePort] : kFirstTickAlarms) {
+        const Json::Value* alarm = AlarmFor(firstTick, port);
+        ASSERT_TRUE(alarm) << "no alarm for port " << port;
+        ExpectAlarm(*alarm, port, udp, kMonitoredAddr, kScannerAddr, remotePort, started);
     }
     // One tick numbers its documents 1, 2, 3, ... (the flooded port is left out of this count: it
     // leaves the monitored list when it freezes).
@@ -191,9 +158,8 @@ TEST(PortScanE2E, RealScansRaiseExactlyTheExpectedAlarms) {
         << "stdout and the log disagree";
     EXPECT_EQ(EventIds(filed).size(), filed.size()) << "an event id repeats";
     const std::multiset<unsigned> ports = AlarmPorts(filed);
-    for (unsigned port : ports) {
-        EXPECT_EQ(ports.count(port), 1u) << "port " << port << " alarmed more than once in one run";
-    }
+    EXPECT_EQ(std::set<unsigned>(ports.begin(), ports.end()).size(), ports.size())
+        << "a port alarmed more than once in one run";
     for (unsigned port : {kListened, kWhiteListed, kFromPublic, kProbedOnce}) {
         EXPECT_EQ(ports.count(port), 0u) << "port " << port << " must raise no alarm";
     }
@@ -209,7 +175,7 @@ TEST(PortScanE2E, RealScansRaiseExactlyTheExpectedAlarms) {
                 log.find("[PortScan] Port Occupied") != std::string::npos);
     const Json::Value* rewrite = AlarmFor(filed, kDuringRewrite);
     ASSERT_TRUE(rewrite) << "no alarm for the scan during the policy rewrite";
-    ExpectAlarm(*rewrite, kRewriteAlarm, started);
+    ExpectAlarm(*rewrite, kDuringRewrite, false, kMonitoredAddr, kScannerAddr, 41009, started);
 }
 
 }  // namespace

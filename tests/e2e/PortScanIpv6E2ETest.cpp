@@ -1,16 +1,7 @@
-// The opt-in switches and IPv6 capture against real scanners: hostagent with the port-scan module runs
-// in a network namespace of its own, nmap and nc reach it from a neighbour namespace over IPv6
-// (unique-local and documentation prefixes, only between the two namespaces, no default route) and
-// over IPv4. Two agent runs with every opt-in switch on (alarms leave at once, within the first
-// minute): with "ipv6" on, a white-listed and a global scanner raise nothing, a unique-local scanner
-// raises one alarm per watched port, a port an IPv6 listener takes raises nothing; with "ipv6" absent,
-// IPv6 scans raise nothing, nor does a scan of an address the host gained after the start (not
-// followed), and over IPv4 an unpaced SYN pass over ten ports and an unpaced probe of a UDP port
-// numbered below them raise their alarms within seconds while the client of an IPv6 wildcard service
-// raises nothing. A third run changes things while it goes on: an IPv6-only listener leaves its port
-// open to IPv4 evidence under "dual_stack_occupancy"; an address the host gains is watched at once
-// with "follow_address_changes"; a policy edit that is not JSON leaves detection on; a policy that
-// turns "ipv6" off closes IPv6 capture at once.
+// Opt-in switches and IPv6 capture, scanned over IPv6 and IPv4. With "ipv6": white-listed and global
+// scanners raise nothing, a unique-local one an alarm per port, an IPv6 listener's port nothing. Without:
+// IPv6 scans, later addresses and dual-stack clients raise nothing, unpaced IPv4 passes alarm at once.
+// Live: IPv6-only listeners leave IPv4 evidence, new addresses are watched, bad edits refused, ipv6 off acts.
 
 #include "ScanLab.h"
 
@@ -35,7 +26,7 @@ const char* const kScanner6 = "fd00:79::2";
 const char* const kWhiteScanner6 = "fd00:79::3";
 const char* const kGlobalMonitored6 = "2001:db8:79::1";
 const char* const kGlobalScanner6 = "2001:db8:79::2";
-const char* const kLaterAddress = "10.79.1.9";  // gained after the agent started
+const std::string kLaterAddress = "10.79.1.9";  // gained after the agent started
 
 // Ten closed TCP ports for one SYN pass, a TCP port a dual-stack listener takes once capture runs,
 // and a UDP port numbered below all of them (the order the set of records cannot search).
@@ -47,15 +38,34 @@ const int kTcpSourcePort = 42001;
 const int kUdpSourcePort = 42002;
 const std::string kTcpPorts = "2501-2510";
 
+// Watches `watched`, checks ports before counting, alarms at a port's first probe (nmap sends one to
+// a closed port), with the four opt-in switches on, the keys `more` and, when `ipv6`, "ipv6".
+std::string SwitchesOnPolicy(const std::vector<std::pair<unsigned, int>>& watched, bool ipv6,
+                             const std::string& more) {
+    Json::Value task = WatchingTask(watched, R"({"check_port_before_alarm": true, "alarm_max_num": 0,
+        "task_condition": {}, "drain_socket_queue": true, "exact_port_lookup": true,
+        "dual_stack_occupancy": true, "prompt_alarms": true, )" +
+                                                 more + "}");
+    if (ipv6) {
+        task["ipv6"] = true;
+    }
+    return FeaturePolicyText(ipv6 ? "ipv6-on" : "ipv6-off", task);
+}
+
 class PortScanIpv6E2E : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (const std::string why = MissingPrerequisite({"ip", "ss", "nmap", "nc", "python3"});
-            !why.empty()) {
-            GTEST_SKIP() << why;
-        }
+        SKIP_WITHOUT("ip", "ss", "nmap", "nc", "python3");
         m_lab = std::make_unique<Lab>("e2v", kMonitored4, kScanner4);
-        m_lab->AddAddresses({kMonitored6, kGlobalMonitored6}, {kScanner6, kWhiteScanner6, kGlobalScanner6});
+        // Without duplicate address detection, usable at once.
+        for (const std::string address : {kMonitored6, kGlobalMonitored6}) {
+            MustRun(
+                {"ip", "-n", m_lab->mon.Name(), "addr", "add", address + "/64", "dev", "to-scan", "nodad"});
+        }
+        for (const std::string address : {kScanner6, kWhiteScanner6, kGlobalScanner6}) {
+            MustRun(
+                {"ip", "-n", m_lab->scanner.Name(), "addr", "add", address + "/64", "dev", "eth0", "nodad"});
+        }
     }
 
     // Starts the agent with every switch on and "ipv6" as given; returns once its IPv4 capture filter
@@ -65,19 +75,11 @@ protected:
         for (unsigned port = kFirstTcpPort; port < kFirstTcpPort + kTcpPortCount; ++port) {
             watched.emplace_back(port, 0);
         }
-        Json::Value task = SwitchesOnTask(watched);
-        task["white_ip6_list"] = kWhiteScanner6;
-        if (ipv6) {
-            task["ipv6"] = true;
-        }
         m_started = time(nullptr);
-        ASSERT_NO_FATAL_FAILURE(m_lab->StartAgent(FeaturePolicyText(task, ipv6 ? "ipv6-on" : "ipv6-off")));
-        ASSERT_TRUE(WaitUntil(
-            [&] {
-                return Contains(FilterPorts(AttachedFilter(m_lab->mon.Name(), m_lab->agent->Pid(), "ip")),
-                                kUdpPort);
-            },
-            Seconds(10)))
+        ASSERT_NO_FATAL_FAILURE(m_lab->StartAgent(
+            SwitchesOnPolicy(watched, ipv6, R"("white_ip6_list": ")" + std::string(kWhiteScanner6) + "\"")));
+        ASSERT_TRUE(
+            WaitUntil([&] { return Contains(FilterPorts(m_lab->AgentFilter("ip")), kUdpPort); }, Seconds(10)))
             << "no IPv4 filter attached to the agent's packet socket";
         m_listener = std::make_unique<Child>(
             std::vector<std::string>{"nc", "-6", "-lk", std::to_string(kListenedPort)}, m_lab->mon.Name(),
@@ -128,7 +130,7 @@ TEST_F(PortScanIpv6E2E, WithTheKeyIpv6ScansAlarmLikeIpv4Ones) {
     std::vector<BpfInsn> filter6;
     ASSERT_TRUE(WaitUntil(
         [&] {
-            filter6 = AttachedFilter(m_lab->mon.Name(), m_lab->agent->Pid(), "ipv6");
+            filter6 = m_lab->AgentFilter("ipv6");
             return Contains(FilterPorts(filter6, true), kUdpPort);
         },
         Seconds(10)))
@@ -163,14 +165,13 @@ TEST_F(PortScanIpv6E2E, WithTheKeyIpv6ScansAlarmLikeIpv4Ones) {
 
 TEST_F(PortScanIpv6E2E, WithoutTheKeyIpv6ScansRaiseNothingAndIpv4BurstsAlarmAtOnce) {
     ASSERT_NO_FATAL_FAILURE(StartAgent(false));
-    EXPECT_TRUE(AttachedFilter(m_lab->mon.Name(), m_lab->agent->Pid(), "ipv6").empty())
-        << "an IPv6 filter without the key";
+    EXPECT_TRUE(m_lab->AgentFilter("ipv6").empty()) << "an IPv6 filter without the key";
     // IPv6 scans first: had they been seen, their evidence would name the IPv6 scanner.
     Nmap("-sS", kTcpPorts, kMonitored6, kScanner6);
     Nmap("-sU", std::to_string(kUdpPort), kMonitored6, kScanner6);
     // An address gained after the start is not followed: had its scan been seen, its alarms would
     // name it.
-    m_lab->AddAddresses({kLaterAddress}, {});
+    MustRun({"ip", "-n", m_lab->mon.Name(), "addr", "add", kLaterAddress + "/24", "dev", "to-scan"});
     Nmap("-sS", kTcpPorts, kLaterAddress);
     // One unpaced pass: the ten SYNs arrive together and each port raises its alarm at once.
     Nmap("-sS", kTcpPorts, kMonitored4);
@@ -193,35 +194,27 @@ TEST_F(PortScanIpv6E2E, SwitchesAndEditsTakeEffectWhileScansGoOn) {
     const unsigned kV6OnlyPort = 2601, kLaterAddressPort = 2602, kAfterBrokenEditPort = 2603,
                    kAfterIpv6OffPort = 2604;
     auto policy = [&](bool ipv6) {
-        Json::Value task = SwitchesOnTask(
-            {{kV6OnlyPort, 0}, {kLaterAddressPort, 0}, {kAfterBrokenEditPort, 0}, {kAfterIpv6OffPort, 0}});
-        task["follow_address_changes"] = true;
-        if (ipv6) {
-            task["ipv6"] = true;
-        }
-        return FeaturePolicyText(task, ipv6 ? "on" : "ipv6-off");
+        return SwitchesOnPolicy(
+            {{kV6OnlyPort, 0}, {kLaterAddressPort, 0}, {kAfterBrokenEditPort, 0}, {kAfterIpv6OffPort, 0}},
+            ipv6, R"("follow_address_changes": true)");
     };
     auto alarmedPorts = [&](size_t count) { return AlarmPorts(m_lab->WaitForAlarms(count)); };
     ASSERT_NO_FATAL_FAILURE(m_lab->StartAgent(policy(true)));
-    ASSERT_TRUE(
-        WaitUntil([&] { return !AttachedFilter(m_lab->mon.Name(), m_lab->agent->Pid(), "ipv6").empty(); },
-                  Seconds(10)));
+    ASSERT_TRUE(WaitUntil([&] { return !m_lab->AgentFilter("ipv6").empty(); }, Seconds(10)));
 
     // An IPv6-only socket on the port: no IPv4 client can reach it, so an IPv4 probe is evidence.
     m_listener = std::make_unique<Child>(
         std::vector<std::string>{"python3", "-c",
-                                 "import socket,time\n"
-                                 "s=socket.socket(socket.AF_INET6)\n"
-                                 "s.setsockopt(socket.IPPROTO_IPV6,socket.IPV6_V6ONLY,1)\n"
-                                 "s.bind(('::'," +
-                                     std::to_string(kV6OnlyPort) + "))\ns.listen()\ntime.sleep(120)\n"},
+                                 "import socket,time; s=socket.socket(socket.AF_INET6); "
+                                 "s.setsockopt(socket.IPPROTO_IPV6,socket.IPV6_V6ONLY,1); s.bind(('::'," +
+                                     std::to_string(kV6OnlyPort) + ")); s.listen(); time.sleep(120)"},
         m_lab->mon.Name(), "/dev/null", "/dev/null");
     ASSERT_TRUE(m_lab->WaitListening(kV6OnlyPort));
     Nmap("-sS", std::to_string(kV6OnlyPort), kMonitored4);
     EXPECT_EQ(alarmedPorts(1).count(kV6OnlyPort), 1u) << ReadFile(m_lab->Log());
 
     // An address the host gains after the filters were built.
-    m_lab->AddAddresses({kLaterAddress}, {});
+    MustRun({"ip", "-n", m_lab->mon.Name(), "addr", "add", kLaterAddress + "/24", "dev", "to-scan"});
     ASSERT_TRUE(
         WaitForLine(m_lab->Log(), "[PortScan] Local addresses changed, reloading filters", Seconds(10)));
     ASSERT_TRUE(WaitForLine(m_lab->Log(), "[PortScan] Reload BPF rules", Seconds(10)));
@@ -236,8 +229,7 @@ TEST_F(PortScanIpv6E2E, SwitchesAndEditsTakeEffectWhileScansGoOn) {
 
     // "ipv6" turned off with the same ports: the IPv6 socket goes at once, IPv6 probes are not seen.
     WriteFile(m_lab->dir.File("portscan.json"), policy(false));
-    ASSERT_TRUE(WaitUntil(
-        [&] { return AttachedFilter(m_lab->mon.Name(), m_lab->agent->Pid(), "ipv6").empty(); }, Seconds(10)))
+    ASSERT_TRUE(WaitUntil([&] { return m_lab->AgentFilter("ipv6").empty(); }, Seconds(10)))
         << "the IPv6 socket stayed open";
     Nmap("-sS", std::to_string(kAfterIpv6OffPort), kMonitored6, kScanner6);
     std::this_thread::sleep_for(Seconds(3));
