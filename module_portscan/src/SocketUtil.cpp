@@ -743,9 +743,9 @@ bool SocketUtil::LoadPort6BpfRules(int fd, std::vector<long> ports, bool reporta
             // The kernel charges a filter against net.core.optmem_max after converting it, which
             // multiplies its size: many IPv6 addresses (18 instructions each) can exceed it.
             PORTSCAN_LOG(Poco::Message::PRIO_ERROR,
-                          "[SocketUtil] The IPv6 filter for %z address(es) and %z port(s) exceeds "
-                          "net.core.optmem_max; raise it or watch fewer ports",
-                          addresses.size(), ports.size());
+                         "[SocketUtil] The IPv6 filter for %z address(es) and %z port(s) exceeds "
+                         "net.core.optmem_max; raise it or watch fewer ports",
+                         addresses.size(), ports.size());
         }
         return false;
     }
