@@ -741,7 +741,7 @@ bool SocketUtil::LoadPort6BpfRules(int fd, std::vector<long> ports, bool reporta
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[SocketUtil] Cant set ip6 filter");
         if (error == ENOMEM) {
             // The kernel charges a filter against net.core.optmem_max after converting it, which
-            // multiplies its size: many IPv6 addresses (18 instructions each) can exceed it.
+            // multiplies its size: a host with many IPv6 addresses can exceed it.
             PORTSCAN_LOG(Poco::Message::PRIO_ERROR,
                          "[SocketUtil] The IPv6 filter for %z address(es) and %z port(s) exceeds "
                          "net.core.optmem_max; raise it or watch fewer ports",

@@ -1,8 +1,10 @@
 // The socket layer against the kernel, in two namespaces of the test's joined by a veth pair (root only).
 
 #include "IPUtil.h"
+#include "PortScanModule.h"
 #include "SocketUtil.h"
 #include "TestFrames.h"
+#include "support/LogCapture.h"
 #include "support/NetLab.h"
 
 #include <fcntl.h>
@@ -237,6 +239,27 @@ TEST_F(PortScanNetns, Ipv6FilterOverAHundredLocalAddresses) {
         EXPECT_EQ(probes[i].watched, admitted.count(i) == 1) << probes[i].what;
         EXPECT_EQ(probes[i].any, admittedAny.count(i) == 1) << probes[i].what << " (no port list)";
     }
+}
+
+// A filter past the namespace's net.core.optmem_max is refused with a line naming the sysctl. Older
+// kernels keep that sysctl for the host only: nothing is changed there.
+TEST_F(PortScanNetns, Ipv6FilterPastOptmemMaxIsNamed) {
+    if (access("/proc/sys/net/core/optmem_max", F_OK) != 0 ||
+        TestSupport::Run({"ip", "netns", "exec", m_cap->Name(), "sh", "-c",
+                          "test -e /proc/sys/net/core/optmem_max && sysctl -qw net.core.optmem_max=512"})
+                .code != 0) {
+        GTEST_SKIP() << "net.core.optmem_max is not kept per network namespace here";
+    }
+    TestSupport::CaptureLogs({"portscan_module"});
+    Engine::PortScan::GetLoggerPtr();  // its first use attaches it to the channel once more
+    TestSupport::RecordingChannel& log = TestSupport::CaptureLogs({"portscan_module"});
+    RunIn(*m_cap, [&] {
+        int fd = -1;
+        SocketUtil::CreateRawSocket6(fd);
+        m_fds.push_back(fd);
+        EXPECT_FALSE(SocketUtil::LoadPort6BpfRules(fd, {4001}, false));
+    });
+    EXPECT_EQ(1u, log.CountContaining("exceeds net.core.optmem_max"));
 }
 
 TEST_F(PortScanNetns, SocketDiagnosticsAndRouteDump) {
