@@ -1,8 +1,13 @@
-// The config reader as a pure function: text in, config or one problem line out.
+// The config reader as a pure function (text in, config or one problem line out), and the checks of
+// the files the config names.
 #include "AgentConfig.h"
 #include "PolicyFile.h"
+#include "support/NetLab.h"
 
 #include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -42,8 +47,6 @@ TEST(AgentConfigTest, EachProblemNamesTheFileAndTheKey) {
          "unknown protocol \"tls\""},
         {R"({"report": {"sinks": [{"type": "file", "path": "a"}, {"type": "file", "path": "a"}]}})",
          "is listed twice"},
-        {R"({"supervisor": {"restart_delay_s": 0}})",
-         "\"supervisor.restart_delay_s\" must be an integer 1..86400"},
         {R"({"supervisor": {"renew_after_s": 31536001}})", "must be an integer 0..31536000"},
         {"{\"log\": " + kDeep + "}", "nested too deeply"},
     };
@@ -84,20 +87,53 @@ TEST(AgentConfigTest, ValidConfigTakesDefaultsAndResolvesPaths) {
     EXPECT_EQ(config.statusFile, "/etc/hostagent/hostagent.status.json");
 }
 
-// What --check-config reads beyond the config: the module files, then each policy file and its text.
-TEST(AgentConfigTest, MissingFilesAndPoliciesThatAreNoObjectAreNamed) {
+// What --check-config reads beyond the config: the module files, then each policy's text (a policy
+// file it cannot read: AgentProcessTest).
+TEST(AgentConfigTest, MissingModulesAndPoliciesThatAreNoObjectAreNamed) {
     AgentConfig config;
     std::string error;
     ASSERT_TRUE(ParseAgentConfig(kFile, R"({"modules": ["none.so"]})", config, error)) << error;
     EXPECT_FALSE(CheckModuleFiles(config, error));
     EXPECT_EQ(error, std::string(kFile) + ": module file /etc/hostagent/none.so does not exist");
-    std::string text;
-    EXPECT_FALSE(ReadPolicyFile("/nonexistent/none.json", text, error));
-    EXPECT_EQ(error, "No such file or directory");
     for (const auto& [policy, problem] : {std::pair<std::string, const char*>{"[1]", "not a JSON object"},
                                           {"{\"a\": " + kDeep + "}", "nested too deeply"}}) {
         EXPECT_FALSE(CheckPolicyText(policy, error));
         EXPECT_NE(error.find(problem), std::string::npos) << error;
+    }
+}
+
+// The config, a module and a policy file, and the folders above them, must be safe from other users.
+TEST(AgentConfigTest, FilesOtherUsersCanChangeAreRefusedWithTheFix) {
+    // `unsafe` given `mode` or to another user: the problem's words before the path at fault ("": none).
+    for (const auto& [unsafe, mode, chownToOther, prefix] :
+         {std::tuple{"agent.json", 0666, false, "unsafe: "},
+          {"module.so", 0777, false, "unsafe: "},
+          {"policies/p.json", 0666, false, "unsafe: "},
+          {"policies", 0777, false, "unsafe: its folder "},
+          {"policies", 01777, false, ""},  // a sticky folder is fine
+          {"policies/p.json", 0644, true, "unsafe: "}}) {
+        SCOPED_TRACE(std::string(unsafe) + (chownToOther ? " chown" : ""));
+        TestSupport::TempDir dir;
+        ASSERT_EQ(mkdir(dir.File("policies").c_str(), 0755), 0);
+        TestSupport::WriteFile(dir.File("module.so"), "");
+        TestSupport::WriteFile(dir.File("policies/p.json"), "{}");
+        TestSupport::WriteFile(dir.File("agent.json"),
+                               R"({"modules": ["module.so"], "policies": {"90001": "policies/p.json"}})");
+        const std::string path = dir.File(unsafe);
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+        if (chownToOther && chown(path.c_str(), 54321, 54321) != 0) {
+            GTEST_SKIP() << "giving a file to another user needs root";
+        }
+        AgentConfig config;
+        std::string error, text;
+        const bool accepted = LoadAgentConfig(dir.File("agent.json"), config, error) &&
+                              CheckModuleFiles(config, error) &&
+                              ReadPolicyFile(config.policies.at(0).path, text, error);
+        EXPECT_EQ(accepted, *prefix == '\0') << error;
+        const std::string fix = (chownToOther ? "fix: chown root " : "fix: chmod go-w ") + path;
+        EXPECT_TRUE(accepted ||
+                    (error.find(prefix + path) != std::string::npos && error.find(fix) != std::string::npos))
+            << error;
     }
 }
 

@@ -1,10 +1,12 @@
-// README and the man page list exactly the keys of the agent's key table, with its values and
-// defaults: a key added to the table and not documented, or documented and gone, fails here.
+// README and the man page list exactly the keys of the agent's and the task policy's key tables, with
+// their values and defaults: a key added to a table and not documented, or documented and gone, fails here.
 #include "AgentKeys.h"
+#include "PortScanPolicySchema.h"
 #include "support/NetLab.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -12,6 +14,19 @@
 namespace {
 
 using namespace HostAgent;
+
+// The key rows ("| `...") of README's table whose header line is `header`.
+std::set<std::string> ReadmeRows(const std::string& header) {
+    const std::string readme = TestSupport::ReadFile(SOURCE_DIR "/README.md");
+    std::istringstream table(readme.substr(std::min(readme.find(header), readme.size())));
+    std::set<std::string> rows;
+    for (std::string line; std::getline(table, line) && line.rfind('|', 0) == 0;) {
+        if (line.rfind("| `", 0) == 0) {
+            rows.insert(line);
+        }
+    }
+    return rows;
+}
 
 // "1..86400", "udp, tcp", "true, false" or "" : the values a key takes, as the documents write them.
 std::string Values(const AgentKey& key) {
@@ -27,51 +42,39 @@ std::string Values(const AgentKey& key) {
     }
 }
 
-// The lines of `text` from the line `heading` up to the next line starting with `next`.
-std::vector<std::string> Section(const std::string& text, const std::string& heading,
-                                 const std::string& next) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    bool inside = false;
-    for (std::string line; std::getline(in, line) && !(inside && line.rfind(next, 0) == 0);) {
-        if (inside) {
-            lines.push_back(line);
-        }
-        inside = inside || line == heading;
-    }
-    return lines;
-}
-
 TEST(KeyDocsTest, ReadmeAndManPageListExactlyTheAgentKeysWithTheirValuesAndDefaults) {
-    const std::string readme = TestSupport::ReadFile(SOURCE_DIR "/README.md");
     const std::string man = TestSupport::ReadFile(SOURCE_DIR "/packaging/hostagent.8");
-
-    std::set<std::string> expectedRows, expectedNames, rows, manNames;
+    const std::size_t begin = man.find(".SS Config keys\n");
+    ASSERT_NE(begin, std::string::npos);
+    const std::string section = man.substr(begin, man.find("\n.S", begin + 1) + 1 - begin);
+    std::set<std::string> expectedRows;
     for (const AgentKey& key : AgentKeys()) {
         const std::string name = key.name, values = Values(key), def = key.defaultText;
-        expectedNames.insert(name);
         expectedRows.insert("| `" + name + "` | " + values + " | " + (def.empty() ? "" : "`" + def + "`") +
                             " | " + key.help + " |");
         const std::string manValues =
             def.empty() ? values : values + (values.empty() ? "" : "; ") + "default " + def;
         const std::string entry =
             ".TP\n.B " + name + "\n" + (manValues.empty() ? "" : manValues + ": ") + key.help + "\n";
-        EXPECT_NE(man.find(entry), std::string::npos) << "man page lacks:\n" << entry;
+        EXPECT_NE(section.find(entry), std::string::npos) << "man page lacks:\n" << entry;
     }
-    for (const std::string& line : Section(readme, "## Agent config keys", "## ")) {
-        if (line.rfind("| `", 0) == 0) {
-            rows.insert(line);
-        }
+    EXPECT_EQ(ReadmeRows("| key | values | default | meaning |"), expectedRows);
+    // Each key's entry is there (above), so as many entries as keys leaves room for no other.
+    std::size_t entries = 0;
+    for (std::size_t at = section.find(".TP\n.B "); at != std::string::npos;
+         at = section.find(".TP\n.B ", at + 1)) {
+        ++entries;
     }
-    EXPECT_EQ(rows, expectedRows) << "README's key rows differ from the key table";
-    std::string previous;
-    for (const std::string& line : Section(man, ".SS Config keys", ".S")) {
-        if (previous == ".TP" && line.rfind(".B ", 0) == 0) {
-            manNames.insert(line.substr(3));
-        }
-        previous = line;
+    EXPECT_EQ(entries, AgentKeys().size()) << section;
+}
+
+TEST(KeyDocsTest, ReadmeListsExactlyTheTaskPolicyKeys) {
+    std::set<std::string> expected;
+    for (const Framework::PolicyKeyInfo& key : Engine::TaskPolicyKeys()) {
+        expected.insert("| `" + key.name + "` | " + key.type + " | " + key.values + " | `" + key.defaultText +
+                        "` | " + key.help + (key.extension ? " (opt-in)" : "") + " |");
     }
-    EXPECT_EQ(manNames, expectedNames);
+    EXPECT_EQ(ReadmeRows("| key | type | values | default | meaning |"), expected);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The task policy's lint and schema, the module's answers for its own key, and README's key table.
+// The task policy's lint and schema, and the module's answers for its own key.
 #include "PortScanModule.h"
 #include "PortScanPolicySchema.h"
 #include "support/NetLab.h"
@@ -7,8 +7,6 @@
 #include <json/json.h>
 
 #include <functional>
-#include <set>
-#include <sstream>
 
 namespace {
 
@@ -101,28 +99,6 @@ TEST(PolicySchemaTest, ShippedPolicyPassesAndTheModuleAnswersForItsOwnKey) {
               "");
     EXPECT_EQ(module.RefusalOf("90001", "port_scan_task: on"), "");
     EXPECT_TRUE(module.GetPolicySchema("90001").empty());
-}
-
-// README's policy key table lists exactly the schema's keys, with their values and defaults.
-TEST(PolicySchemaTest, ReadmeListsExactlyTheTaskPolicyKeys) {
-    std::set<std::string> expected;
-    for (const Framework::PolicyKeyInfo& key : Engine::TaskPolicyKeys()) {
-        expected.insert("| `" + key.name + "` | " + key.type + " | " + key.values + " | `" + key.defaultText +
-                        "` | " + key.help + (key.extension ? " (opt-in)" : "") + " |");
-    }
-    std::set<std::string> rows;
-    std::istringstream readme(TestSupport::ReadFile(SOURCE_DIR "/README.md"));
-    bool inside = false;
-    for (std::string line; std::getline(readme, line);) {
-        if (line.rfind("| key | type | values | default | meaning |", 0) == 0) {
-            inside = true;
-        } else if (inside && line.rfind("| `", 0) == 0) {
-            rows.insert(line);
-        } else if (inside && line.rfind("|---", 0) != 0) {
-            break;
-        }
-    }
-    EXPECT_EQ(expected, rows);
 }
 
 }  // namespace

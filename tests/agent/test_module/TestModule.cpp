@@ -1,7 +1,7 @@
 // A module for the agent's tests only. Its policy (key "90001") is a JSON object with a required text
 // "marker"; "count" events are sent when it arrives, "burst_on_stop" more when the module stops, each a
-// pretty-printed type "2" message to the report task (which must write it as one line):
-// {"event_classid":"test_0001","source","marker","kind":"policy"|"stop","seq","policy_name"}.
+// pretty-printed type "2" message to the report task (which must write it as one line): the policy's
+// fields, "policy_name" (the name it came under), "event_classid":"test_0001", "kind":"policy"|"stop".
 #include "framework/Message.h"
 #include "framework/Module.h"
 #include "framework/ModuleApi.h"
@@ -59,15 +59,10 @@ private:
     // As many events of `kind` as the policy's `countKey` asks for.
     void Send(const char* kind, const char* countKey, int defaultCount) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        const int count = m_event.get(countKey, defaultCount).asInt();
-        for (int i = 0; i < count; ++i) {
-            Json::Value body;
-            body["event_classid"] = "test_0001";
-            body["source"] = "agent_test_module";
-            body["marker"] = m_event["marker"];
-            body["policy_name"] = m_event["policy_name"];
-            body["kind"] = kind;
-            body["seq"] = i;
+        Json::Value body = m_event;
+        body["event_classid"] = "test_0001";
+        body["kind"] = kind;
+        for (int i = m_event.get(countKey, defaultCount).asInt(); i > 0; --i) {
             m_sender.SendDirectMsg("data_comm_report_task",
                                    new Framework::DataMessage("2", body.toStyledString()));
         }
