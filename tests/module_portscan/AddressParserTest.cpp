@@ -1,9 +1,13 @@
-// Address arithmetic, white lists, the parser's length guard: what the fuzz targets' references do not judge.
+// Address arithmetic, white lists, the frame parsers, the IPv6 filter's bounds: what the fuzz targets'
+// references do not judge.
 
 #include "IPUtil.h"
 #include "SocketUtil.h"
 #include "TestFrames.h"
 #include "framework/ConfigManager.h"
+
+#include <linux/filter.h>
+#include <linux/if_ether.h>
 
 #include <chrono>
 #include <memory>
@@ -11,6 +15,7 @@
 #include <vector>
 
 using Engine::IPUtil;
+using Engine::SocketUtil;
 
 namespace {
 
@@ -76,34 +81,66 @@ TEST(PortScanWhiteList, ParseAndMatch) {
     }
 }
 
-TEST(PortScanParser, HeadersEndingPastTheLengthAreRefused) {
-    // protocol, IPv4 header words, bytes taken off the end of the frame, parsed
-    const std::tuple<int, int, std::size_t, bool> cases[] = {
-        {IPPROTO_TCP, 6, 7, false},   // the flag byte is the first missing one
-        {IPPROTO_TCP, 6, 6, true},    // ends at the flag byte
-        {IPPROTO_UDP, 15, 5, false},  // the destination port is cut
-        {IPPROTO_UDP, 15, 4, true},
-        {IPPROTO_UDP, 5, 1, false},  // 41 bytes: below the shortest frame, refused after a pause
-        {IPPROTO_TCP, 15, 0, true},  // the longest IP header
+// Each frame as an exact-size copy, so a read past its end is a heap overflow under the sanitizers.
+TEST(PortScanParser, FramesOfBothFamilies) {
+    // source (its family picks the parser), protocol or next header, IPv4 header words, length (0: the
+    // headers), a 16-bit field set at an offset (12: the ethertype), type (-1: refused, untouched), flag
+    const std::tuple<const char*, int, int, size_t, size_t, unsigned, int, const char*> cases[] = {
+        {"10.0.0.5", IPPROTO_TCP, 6, 51, 12, ETH_P_IP, -1, "old"},   // the flag byte is the first missing one
+        {"10.0.0.5", IPPROTO_TCP, 6, 52, 12, ETH_P_IP, 0, "SYN"},    // ends at the flag byte
+        {"10.0.0.5", IPPROTO_UDP, 15, 77, 12, ETH_P_IP, -1, "old"},  // the destination port is cut
+        {"10.0.0.5", IPPROTO_UDP, 15, 78, 12, ETH_P_IP, 1, ""},
+        {"10.0.0.5", IPPROTO_UDP, 5, 41, 12, ETH_P_IP, -1, "old"},  // below the shortest frame: after a pause
+        {"10.0.0.5", IPPROTO_TCP, 15, 0, 12, ETH_P_IP, 0, "SYN"},   // the longest IP header
+        {"fd00:78::2", IPPROTO_TCP, 5, 0, 12, ETH_P_IPV6, 0, "SYN"},
+        {"fd00:78::2", IPPROTO_TCP, 5, 0, 66, 0x5012, 0, "SYN,ACK"},
+        {"fd00:78::2", IPPROTO_UDP, 5, 0, 12, ETH_P_IPV6, 1, ""},  // the shortest
+        {"fd00:78::2", IPPROTO_UDP, 5, 61, 12, ETH_P_IPV6, -1, "old"},
+        {"fd00:78::2", IPPROTO_TCP, 5, 73, 12, ETH_P_IPV6, -1, "old"},
+        {"fd00:78::2", 0, 5, 74, 12, ETH_P_IPV6, -1, "old"},   // hop-by-hop options
+        {"fd00:78::2", 43, 5, 74, 12, ETH_P_IPV6, -1, "old"},  // routing
+        {"fd00:78::2", 44, 5, 74, 12, ETH_P_IPV6, -1, "old"},  // fragment
+        {"fd00:78::2", 60, 5, 74, 12, ETH_P_IPV6, -1, "old"},  // destination options
+        {"fd00:78::2", IPPROTO_ICMPV6, 5, 74, 12, ETH_P_IPV6, -1, "old"},
+        {"fd00:78::2", IPPROTO_TCP, 5, 0, 12, ETH_P_IP, -1, "old"},  // the IPv4 ethertype
+        {"fd00:78::2", IPPROTO_TCP, 5, 0, 14, 0x4000, -1, "old"},    // version 4
     };
-    for (const auto& [protocol, ihl, cut, parsed] : cases) {
-        SCOPED_TRACE(std::to_string(ihl) + " words, cut " + std::to_string(cut));
-        const std::string full = Frame("10.0.0.5", "10.0.0.1", protocol, 8080, 40000, 0, 0, ihl);
-        // An exact-size copy, so a read past its end is a heap overflow under the sanitizers.
-        const std::size_t length = full.size() - cut;
-        std::unique_ptr<char[]> exact(new char[length]);
-        memcpy(exact.get(), full.data(), length);
-        Engine::PacketNode node{{0}, 9, {0}, 0, 9, "old"};
+    for (const auto& [src, protocol, ihl, length, at, value, type, flag] : cases) {
+        const bool v6 = strchr(src, ':') != nullptr, ok = type >= 0;
+        std::string frame = Frame(src, v6 ? "fd00:78::1" : "10.0.0.1", protocol, 8080, 40000, length, 0, ihl);
+        SCOPED_TRACE(std::string(src) + " " + std::to_string(protocol) + ", " + std::to_string(frame.size()));
+        frame[at] = static_cast<char>(value >> 8), frame[at + 1] = static_cast<char>(value);
+        std::unique_ptr<char[]> exact(new char[frame.size()]);
+        memcpy(exact.get(), frame.data(), frame.size());
+        Engine::PacketNode node{{0}, 9, {0}, 0, 9, "old"};  // a reused record
         const auto before = std::chrono::steady_clock::now();
-        EXPECT_EQ(parsed, Engine::SocketUtil::ParsePacket(exact.get(), length, &node));
-        if (length < 42) {
+        EXPECT_EQ(ok, v6 ? SocketUtil::ParsePacket6(exact.get(), frame.size(), &node)
+                         : SocketUtil::ParsePacket(exact.get(), frame.size(), &node));
+        if (frame.size() < 42) {
             EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(950));
         }
-        EXPECT_EQ(std::make_tuple(parsed ? 8080 : 9, parsed ? 40000 : 0,
-                                  parsed ? (protocol == IPPROTO_TCP ? "SYN" : "") : "old"),
-                  std::make_tuple(int(node.localPort), int(node.remotePort), node.flag));
-        EXPECT_EQ(parsed ? inet_addr("10.0.0.1") : 0u, node.localAddress.s_addr);  // untouched when refused
+        EXPECT_EQ(
+            std::make_tuple(ok && v6, ok ? 8080 : 9, ok ? 40000 : 0, ok ? type : 9, std::string(flag)),
+            std::make_tuple(node.isIpv6, int(node.localPort), int(node.remotePort), node.type, node.flag));
+        EXPECT_EQ(ok && v6 ? "fd00:78::1 fd00:78::2" : ":: ::",
+                  IPUtil::Ip6Text(node.localAddress6) + " " + IPUtil::Ip6Text(node.remoteAddress6));
+        EXPECT_EQ(
+            ok && !v6 ? std::make_pair(inet_addr("10.0.0.1"), inet_addr("10.0.0.5")) : std::make_pair(0u, 0u),
+            std::make_pair(node.localAddress.s_addr, node.remoteAddress.s_addr));
     }
+}
+
+// The kernel test runs the filter over a hundred addresses; the bounds are refused here.
+TEST(PortScanIpv6Filter, ListsPastTheKernelsReachAreRefused) {
+    auto& log = ModuleLogs();
+    auto addresses = [](size_t count) { return std::vector<in6_addr>(count, in6addr_loopback); };
+    std::vector<sock_filter> program;
+    // Past the kernel's length limit, or a port test whose jump to the accept needs 9 bits: refused.
+    EXPECT_TRUE(SocketUtil::BuildPort6BpfProgram(addresses(226), {2501, 2500}, program));
+    EXPECT_FALSE(SocketUtil::BuildPort6BpfProgram(addresses(227), {2501, 2500}, program));
+    EXPECT_TRUE(SocketUtil::BuildPort6BpfProgram(addresses(1), std::vector<long>(256, 2501), program));
+    EXPECT_FALSE(SocketUtil::BuildPort6BpfProgram(addresses(1), std::vector<long>(257, 2501), program));
+    EXPECT_EQ(2u, log.CountContaining("[SocketUtil] Too many ports or addresses for the IPv6 filter"));
 }
 
 TEST(PortScanLocalAddress, EdgeRows) {

@@ -2,6 +2,7 @@
 
 #include "PortScanModule.h"
 #include "PortScanPolicy.h"
+#include "TestFrames.h"
 #include "support/LogCapture.h"
 #include "support/TestEngine.h"
 
@@ -24,13 +25,6 @@ extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #include <vector>
 
 using TestSupport::TestEngine;
-
-// Fetching the module's logger attaches it to the common channel again: do so before capturing.
-TestSupport::RecordingChannel& ModuleLogs() {
-    TestSupport::CaptureLogs({"portscan_module"});
-    Engine::PortScan::GetLoggerPtr();
-    return TestSupport::CaptureLogs({"portscan_module"});
-}
 
 namespace {
 
@@ -181,7 +175,7 @@ TEST(PortScanChain, VerdictsOfHalfOpenThenCommon) {
     auto& log = ModuleLogs();
     Engine::PortScanTaskPolicy policy("port_scan_task");
     ASSERT_TRUE(policy.Parse(R"({"monitor_list":[],"white_ip_list":"192.168.9.0/24, 0.0.0.0",
-        "white_ip6_list":"fd00:78::3","task_condition":{}})"));
+        "white_ip6_list":"fd00:78::3, fd00:79::/64","task_condition":{}})"));
     Poco::AutoPtr<Framework::Task> task(
         new Framework::Task("port_scan_task", "portscan_info_collect", 0, 16));
     ASSERT_TRUE(TestEngine().RegisterTask(task, false));
@@ -191,13 +185,13 @@ TEST(PortScanChain, VerdictsOfHalfOpenThenCommon) {
     chain.next = &common;
     // remote, protocol, flag text, alarm type (0: no classifier answers, and one "safe" line)
     const std::tuple<const char*, int, const char*, int> cases[] = {
-        {"192.168.0.0", 0, "SYN", 2},     {"10.1.2.3", 0, "SYN,ACK", 1}, {"172.31.255.255", 1, "", 1},
-        {"8.8.8.8", 0, "SYN", 0},         {"172.32.0.0", 0, "SYN", 0},   {"192.168.9.20", 0, "SYN", 0},
-        {"10.0.0.5", 0, "", 1},           {"10.255.255.255", 1, "", 1},  {"172.15.255.255", 0, "SYN", 0},
-        {"192.169.0.0", 0, "SYN", 0},     {"fd00:78::2", 0, "SYN", 2},   {"fc00::1", 1, "", 1},
-        {"fe80::9", 0, "SYN,ACK", 1},     {"febf:ffff::1", 0, "SYN", 2}, {"fec0::1", 0, "SYN", 0},
-        {"fbff::1", 0, "SYN", 0},         {"2001:db8::2", 0, "SYN", 0},  {"fd00:78::3", 0, "SYN", 0},
-        {"::ffff:10.0.0.5", 0, "SYN", 0},
+        {"192.168.0.0", 0, "SYN", 2},     {"10.1.2.3", 0, "SYN,ACK", 1},  {"172.31.255.255", 1, "", 1},
+        {"8.8.8.8", 0, "SYN", 0},         {"172.32.0.0", 0, "SYN", 0},    {"192.168.9.20", 0, "SYN", 0},
+        {"10.0.0.5", 0, "", 1},           {"10.255.255.255", 1, "", 1},   {"172.15.255.255", 0, "SYN", 0},
+        {"192.169.0.0", 0, "SYN", 0},     {"fd00:78::2", 0, "SYN", 2},    {"fc00::1", 1, "", 1},
+        {"fe80::9", 0, "SYN,ACK", 1},     {"febf:ffff::1", 0, "SYN", 2},  {"fec0::1", 0, "SYN", 0},
+        {"fbff::1", 0, "SYN", 0},         {"2001:db8::2", 0, "SYN", 0},   {"fd00:78::3", 0, "SYN", 0},
+        {"::ffff:10.0.0.5", 0, "SYN", 0}, {"fd00:79::ffff", 0, "SYN", 0}, {"fd00:7a::1", 0, "SYN", 2},
     };
     for (const auto& [remote, type, flag, alarm] : cases) {
         SCOPED_TRACE(std::string(remote) + " " + flag);

@@ -1,7 +1,6 @@
 // The socket layer against the kernel, in two namespaces of the test's joined by a veth pair (root only).
 
 #include "IPUtil.h"
-#include "PortScanModule.h"
 #include "SocketUtil.h"
 #include "TestFrames.h"
 #include "support/LogCapture.h"
@@ -10,7 +9,6 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/if_packet.h>
-#include <linux/sock_diag.h>
 #include <net/if.h>
 #include <poll.h>
 #include <sched.h>
@@ -47,6 +45,7 @@ struct Probe {
     int protocol;             // or the IPv6 next header
     uint16_t port, fragment;  // fragment: the IPv4 flags and offset field
     bool watched, any;        // admitted by the filter for ports 4001 and 4002 / for no port list
+    int ihl = 5;              // IPv4 header words
 };
 
 class PortScanNetns : public ::testing::Test {
@@ -95,32 +94,39 @@ protected:
         return fd;
     }
 
-    // A frame of each probe from the peer's end of the pair.
-    void SendFromPeer(const std::vector<Probe>& probes) {
+    // Sends each probe from the peer's end of the pair. Each capture (descriptor, IPv6, the column it
+    // follows) must queue exactly the probes of its family its column admits, each cut to its headers
+    // (Ethernet, IP, the start of TCP).
+    void ExpectAdmitted(const std::vector<Probe>& probes,
+                        std::initializer_list<std::tuple<int, bool, bool Probe::*>> captures) {
         RunIn(*m_peer, [&] {
             const int fd = socket(AF_PACKET, SOCK_RAW, 0);
             sockaddr_ll to{AF_PACKET, 0, static_cast<int>(if_nametoindex("vpeer")), 0, 0, 6, {}};
             for (size_t i = 0; i < probes.size(); ++i) {
                 const Probe& p = probes[i];
                 const std::string frame = Frame(p.src, p.dst, p.protocol, p.port, 0x1000 + i,
-                                                strchr(p.src, ':') ? 94 : 114, p.fragment);
+                                                strchr(p.src, ':') ? 94 : 114, p.fragment, p.ihl);
                 EXPECT_EQ(ssize_t(frame.size()), sendto(fd, frame.data(), frame.size(), 0,
                                                         reinterpret_cast<sockaddr*>(&to), sizeof(to)));
             }
             close(fd);
         });
-    }
-
-    // The probes `fd` queued, by index; only their headers (Ethernet, IP, the start of TCP) are queued.
-    static std::set<size_t> Admitted(int fd, bool v6 = false) {
-        std::set<size_t> admitted;
-        pollfd entry{fd, POLLIN, 0};
-        for (int i = 0; i < 50 && poll(&entry, 1, 300) > 0; ++i) {
-            unsigned char buffer[256];
-            EXPECT_EQ(v6 ? 74 : 60, recv(fd, buffer, sizeof(buffer), 0));
-            admitted.insert((buffer[v6 ? 54 : 34] << 8 | buffer[v6 ? 55 : 35]) - 0x1000u);
+        for (const auto& [fd, v6, column] : captures) {
+            std::set<size_t> admitted;
+            pollfd entry{fd, POLLIN, 0};
+            for (int i = 0; i < 50 && poll(&entry, 1, 300) > 0; ++i) {
+                unsigned char buffer[256];
+                EXPECT_EQ(v6 ? 74 : 60, recv(fd, buffer, sizeof(buffer), 0));
+                const size_t transport = v6 ? 54 : 14 + 4 * (buffer[14] & 0x0f);
+                admitted.insert((buffer[transport] << 8 | buffer[transport + 1]) - 0x1000u);
+            }
+            for (size_t i = 0; i < probes.size(); ++i) {
+                const bool family = (strchr(probes[i].src, ':') != nullptr) == v6;
+                EXPECT_EQ(family && probes[i].*column, admitted.count(i) == 1)
+                    << probes[i].what << (v6 ? " (ipv6" : " (ipv4")
+                    << (column == &Probe::any ? ", any port)" : ")");
+            }
         }
-        return admitted;
     }
 
     std::unique_ptr<NetNs> m_cap;
@@ -129,22 +135,22 @@ protected:
 };
 
 // Frames of both families from the peer through the filters the kernel holds, and the programs read back.
+// A hundred more local addresses take the IPv6 filter's long jumps, with and without a port list.
 TEST_F(PortScanNetns, FiltersAdmitExactlyForeignProbesOfWatchedPorts) {
-    const int watched = Capture({4001, 4002}), any = Capture({}), watched6 = Capture({4001, 4002}, true);
-    // N = 1 local address, P = 2 ports: 2N + P + 13 instructions.
-    const unsigned int local = ntohl(inet_addr("10.231.0.1"));
-    const std::vector<sock_filter> expected = {
-        {0x28, 0, 0, 12}, {0x15, 0, 14, 0x800}, {0x30, 0, 0, 23}, {0x15, 1, 0, 6},    {0x15, 0, 11, 17},
-        {0x28, 0, 0, 20}, {0x45, 9, 0, 0x1fff}, {0xb1, 0, 0, 14}, {0x20, 0, 0, 30},   {0x15, 0, 6, local},
-        {0x20, 0, 0, 26}, {0x15, 4, 0, local},  {0x48, 0, 0, 16}, {0x15, 1, 0, 4001}, {0x15, 0, 1, 4002},
-        {0x06, 0, 0, 60}, {0x06, 0, 0, 0},
-    };
-    EXPECT_EQ(expected, AttachedProgram(watched));
-    // P + 2N + 10 = 256 would wrap an 8-bit jump: refused, and the attached program stays.
+    for (int i = 1; i <= 100; ++i) {
+        TestSupport::MustRun({"ip", "-n", m_cap->Name(), "addr", "add",
+                              "fd00:1::" + std::to_string(i) + "/128", "dev", "vcap", "nodad"});
+    }
+    const int watched = Capture({4001, 4002}), any = Capture({});
+    const int watched6 = Capture({4001, 4002}, true), any6 = Capture({}, true);
+    // N = 1 local address, P = 2 ports: 2N + P + 13 instructions. P + 2N + 10 = 256 would wrap an 8-bit
+    // jump: refused, and the attached program stays.
+    const std::vector<sock_filter> program = AttachedProgram(watched);
+    EXPECT_EQ(17u, program.size());
     bool attached = true;
     RunIn(*m_cap, [&] { attached = SocketUtil::LoadPortBpfRules(watched, std::vector<long>(244, 5000)); });
     EXPECT_FALSE(attached);
-    EXPECT_EQ(expected, AttachedProgram(watched));
+    EXPECT_EQ(program, AttachedProgram(watched));
 
     std::vector<in6_addr> local6;
     RunIn(*m_cap, [&] { ASSERT_TRUE(Engine::IPUtil::GetLocalhostIp6(local6)); });
@@ -159,30 +165,33 @@ TEST_F(PortScanNetns, FiltersAdmitExactlyForeignProbesOfWatchedPorts) {
     const std::vector<Probe> probes = {
         {"tcp syn, watched port", "10.231.0.2", "10.231.0.1", IPPROTO_TCP, 4001, 0, true, true},
         {"udp, watched port", "10.231.0.2", "10.231.0.1", IPPROTO_UDP, 4002, 0, true, true},
+        {"ip options", "10.231.0.2", "10.231.0.1", IPPROTO_TCP, 4002, 0, true, true, 6},
         {"unwatched port", "10.231.0.2", "10.231.0.1", IPPROTO_TCP, 4003, 0, false, true},
         {"local source", "10.231.0.1", "10.231.0.1", IPPROTO_TCP, 4001, 0, false, false},
         {"non-local destination", "10.231.0.2", "10.231.0.77", IPPROTO_UDP, 4001, 0, false, false},
         {"non-first fragment", "10.231.0.2", "10.231.0.1", IPPROTO_TCP, 4001, 0x0064, false, false},
         {"icmp", "10.231.0.2", "10.231.0.1", IPPROTO_ICMP, 4001, 0, false, false},
         {"first fragment, more to come", "10.231.0.2", "10.231.0.1", IPPROTO_TCP, 4001, 0x2000, true, true},
-        {"ipv6 tcp syn, watched port", "fd00:231::2", "fd00:231::1", IPPROTO_TCP, 4001, 0, true, false},
-        {"ipv6 udp, watched port", "fd00:231::2", "fd00:231::1", IPPROTO_UDP, 4002, 0, true, false},
+        {"ipv6 tcp syn, watched port", "fd00:231::2", "fd00:231::1", IPPROTO_TCP, 4001, 0, true, true},
+        {"ipv6 udp, watched port", "fd00:231::2", "fd00:231::1", IPPROTO_UDP, 4002, 0, true, true},
         {"ipv6 to the link-local address", "fe80::2", linkLocalText.c_str(), IPPROTO_TCP, 4002, 0, true,
-         false},
-        {"ipv6 unwatched port", "fd00:231::2", "fd00:231::1", IPPROTO_TCP, 4003, 0, false, false},
+         true},
+        {"ipv6 unwatched port", "fd00:231::2", "fd00:231::1", IPPROTO_TCP, 4003, 0, false, true},
         {"ipv6 local source", "fd00:231::1", "fd00:231::1", IPPROTO_TCP, 4001, 0, false, false},
         {"ipv6 non-local destination", "fd00:231::2", "fd00:231::77", IPPROTO_UDP, 4001, 0, false, false},
         {"ipv6 destination options header", "fd00:231::2", "fd00:231::1", 60, 4001, 0, false, false},
         {"icmpv6", "fd00:231::2", "fd00:231::1", IPPROTO_ICMPV6, 4001, 0, false, false},
+        {"first added address", "fd00:231::2", "fd00:1::1", IPPROTO_TCP, 4001, 0, true, true},
+        {"last added address", "fd00:231::2", "fd00:1::100", IPPROTO_UDP, 4002, 0, true, true},
+        {"last added address, unwatched port", "fd00:231::2", "fd00:1::100", IPPROTO_TCP, 4003, 0, false,
+         true},
+        {"an added address as source", "fd00:1::1", "fd00:1::100", IPPROTO_TCP, 4001, 0, false, false},
+        {"one word off", "fd00:231::2", "fd00:1::1:0:1", IPPROTO_TCP, 4001, 0, false, false},
     };
-    SendFromPeer(probes);
-    const std::set<size_t> admitted[] = {Admitted(watched), Admitted(any), Admitted(watched6, true)};
-    for (size_t i = 0; i < probes.size(); ++i) {
-        const bool v6 = strchr(probes[i].src, ':') != nullptr;
-        EXPECT_EQ(!v6 && probes[i].watched, admitted[0].count(i) == 1) << probes[i].what << " (watched)";
-        EXPECT_EQ(!v6 && probes[i].any, admitted[1].count(i) == 1) << probes[i].what << " (no port list)";
-        EXPECT_EQ(v6 && probes[i].watched, admitted[2].count(i) == 1) << probes[i].what << " (ipv6)";
-    }
+    ExpectAdmitted(probes, {{watched, false, &Probe::watched},
+                            {any, false, &Probe::any},
+                            {watched6, true, &Probe::watched},
+                            {any6, true, &Probe::any}});
 }
 
 // "reportable_sources_only": the kernel admits exactly the private ranges the module reports.
@@ -203,12 +212,7 @@ TEST_F(PortScanNetns, ReportableSourcesOnlyAdmitsExactlyThePrivateRanges) {
         probes.push_back({src, src, strchr(src, ':') ? "fd00:231::1" : "10.231.0.1", IPPROTO_TCP, 4001, 0,
                           reported, false});
     }
-    SendFromPeer(probes);
-    const std::set<size_t> admitted = Admitted(capture), admitted6 = Admitted(capture6, true);
-    for (size_t i = 0; i < probes.size(); ++i) {
-        EXPECT_EQ(probes[i].watched, (strchr(probes[i].src, ':') ? admitted6 : admitted).count(i) == 1)
-            << probes[i].src;
-    }
+    ExpectAdmitted(probes, {{capture, false, &Probe::watched}, {capture6, true, &Probe::watched}});
     // Eight more instructions on the longest jump: the bound on ports shrinks by as many.
     EXPECT_EQ(SocketUtil::MaxFilterPorts(3), SocketUtil::MaxFilterPorts(3, true) + 8);
     bool attached = true;
@@ -219,40 +223,15 @@ TEST_F(PortScanNetns, ReportableSourcesOnlyAdmitsExactlyThePrivateRanges) {
     EXPECT_FALSE(attached);
 }
 
-// A hundred local addresses take the IPv6 filter's long jumps, with and without a port list.
-TEST_F(PortScanNetns, Ipv6FilterOverAHundredLocalAddresses) {
-    for (int i = 1; i <= 100; ++i) {
-        TestSupport::MustRun({"ip", "-n", m_cap->Name(), "addr", "add",
-                              "fd00:1::" + std::to_string(i) + "/128", "dev", "vcap", "nodad"});
-    }
-    const int watched = Capture({4001, 4002}, true), any = Capture({}, true);
-    const std::vector<Probe> probes = {
-        {"first address", "fd00:231::2", "fd00:1::1", IPPROTO_TCP, 4001, 0, true, true},
-        {"last address", "fd00:231::2", "fd00:1::100", IPPROTO_UDP, 4002, 0, true, true},
-        {"last address, unwatched port", "fd00:231::2", "fd00:1::100", IPPROTO_TCP, 4003, 0, false, true},
-        {"local source", "fd00:1::1", "fd00:1::100", IPPROTO_TCP, 4001, 0, false, false},
-        {"one word off", "fd00:231::2", "fd00:1::1:0:1", IPPROTO_TCP, 4001, 0, false, false},
-    };
-    SendFromPeer(probes);
-    const std::set<size_t> admitted = Admitted(watched, true), admittedAny = Admitted(any, true);
-    for (size_t i = 0; i < probes.size(); ++i) {
-        EXPECT_EQ(probes[i].watched, admitted.count(i) == 1) << probes[i].what;
-        EXPECT_EQ(probes[i].any, admittedAny.count(i) == 1) << probes[i].what << " (no port list)";
-    }
-}
-
 // A filter past the namespace's net.core.optmem_max is refused with a line naming the sysctl. Older
 // kernels keep that sysctl for the host only: nothing is changed there.
 TEST_F(PortScanNetns, Ipv6FilterPastOptmemMaxIsNamed) {
-    if (access("/proc/sys/net/core/optmem_max", F_OK) != 0 ||
-        TestSupport::Run({"ip", "netns", "exec", m_cap->Name(), "sh", "-c",
+    if (TestSupport::Run({"ip", "netns", "exec", m_cap->Name(), "sh", "-c",
                           "test -e /proc/sys/net/core/optmem_max && sysctl -qw net.core.optmem_max=512"})
-                .code != 0) {
+            .code != 0) {
         GTEST_SKIP() << "net.core.optmem_max is not kept per network namespace here";
     }
-    TestSupport::CaptureLogs({"portscan_module"});
-    Engine::PortScan::GetLoggerPtr();  // its first use attaches it to the channel once more
-    TestSupport::RecordingChannel& log = TestSupport::CaptureLogs({"portscan_module"});
+    TestSupport::RecordingChannel& log = ModuleLogs();
     RunIn(*m_cap, [&] {
         int fd = -1;
         SocketUtil::CreateRawSocket6(fd);
@@ -262,28 +241,9 @@ TEST_F(PortScanNetns, Ipv6FilterPastOptmemMaxIsNamed) {
     EXPECT_EQ(1u, log.CountContaining("exceeds net.core.optmem_max"));
 }
 
-TEST_F(PortScanNetns, SocketDiagnosticsAndRouteDump) {
+// The plain per-family queries: CollectTaskTest.OccupancyQueriesAskTheRightFamilies.
+TEST_F(PortScanNetns, DualStackOccupancyAndRouteDump) {
     RunIn(*m_cap, [&] {
-        auto bound = [&](int type, uint16_t port) {
-            const int fd = socket(AF_INET, type, 0);
-            sockaddr_in address{AF_INET, htons(port), {0}, {}};
-            EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
-            m_fds.push_back(fd);
-            return fd;
-        };
-        ASSERT_EQ(0, listen(bound(SOCK_STREAM, 4100), 4));
-        bound(SOCK_STREAM, 4102);  // bound only: must not make other ports look taken
-        bound(SOCK_DGRAM, 4103);
-        // port, protocol code, result (0: a socket holds it)
-        const int cases[][3] = {{4100, 0, 0}, {4101, 0, 1}, {4100, 1, 1}, {4103, 1, 0}};
-        for (const auto& [port, protocol, expected] : cases) {
-            const int fd = socket(AF_NETLINK, SOCK_RAW, NETLINK_SOCK_DIAG);
-            int result = -1;
-            EXPECT_TRUE(SocketUtil::SendNetlinkMsgQuery(fd, port, protocol, SOCK_DIAG_BY_FAMILY));
-            EXPECT_TRUE(SocketUtil::RecvNetLinkMsgQuery(fd, result, protocol));
-            EXPECT_EQ(expected, result) << port << "/" << protocol;
-            close(fd);
-        }
         // "dual_stack_occupancy": only an IPv6 socket an IPv4 packet reaches holds the port for it.
         // port, address, IPV6_V6ONLY, result (0: holds it for IPv4)
         const std::tuple<uint16_t, const char*, int, int> sockets[] = {

@@ -1,5 +1,8 @@
-// One builder for the frames the parsers, the kernel's filters and the collection task are fed.
+// The frames the parsers, the kernel's filters and the collection task are fed; the module's log lines.
 #pragma once
+
+#include "PortScanModule.h"
+#include "support/LogCapture.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -28,4 +31,11 @@ inline std::string Frame(const char* src, const char* dst, int protocol, uint16_
     put(transport, sport), put(transport + 2, dport), put(transport + 12, 0x5002);
     frame.resize(size == 0 ? end : size);
     return frame;
+}
+
+// Fetching the module's logger attaches it to the common channel again: do so before capturing.
+inline TestSupport::RecordingChannel& ModuleLogs(const std::string& level = "debug") {
+    TestSupport::CaptureLogs({"portscan_module"}, level);
+    Engine::PortScan::GetLoggerPtr();
+    return TestSupport::CaptureLogs({"portscan_module"}, level);
 }
