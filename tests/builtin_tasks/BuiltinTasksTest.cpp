@@ -1,6 +1,9 @@
+#include "EcsDocument.h"
 #include "SockDiagDump.h"
 #include "builtin_tasks/NetProcsFullTask.h"
+#include "sdk/JsonUtils.h"
 #include "support/LogCapture.h"
+#include "support/NetLab.h"
 #include "support/TestEngine.h"
 
 #include <arpa/inet.h>
@@ -16,10 +19,13 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstddef>
+#include <regex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -43,9 +49,7 @@ TEST(NetProcsFullTaskTest, SeesLoopbackListenersAndDropsThemOnceClosed) {
                         fstat(fd, &info) == 0);
             const long inode = static_cast<long>(info.st_ino);
             NetProcsFullTask::CacheMap cache;
-            if (period != 0) {
-                ASSERT_TRUE(task.RefreshNow());
-            }
+            ASSERT_TRUE(period == 0 || task.RefreshNow());
             task.GetNetCacheMap(cache);
             ASSERT_EQ(cache.count(inode), 1u);
             EXPECT_EQ(cache[inode]->protocol, protocol);
@@ -63,7 +67,6 @@ TEST(NetProcsFullTaskTest, SeesLoopbackListenersAndDropsThemOnceClosed) {
 }
 
 TEST(NetProcsFullTaskTest, ANetlinkSocketThatCannotBeMadeIsReportedOnceAndRecoveredFrom) {
-    TestSupport::TestEngine();
     TestSupport::RecordingChannel& logs = TestSupport::CaptureLogs();
     NetProcsFullTask task(60000);
     int refreshed = 0;
@@ -100,22 +103,18 @@ TEST(SockDiagDumpTest, ErrorRepliesGiveADefinedResult) {
     socklen_t length = sizeof(address);
     ASSERT_TRUE(sender >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
                 getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0);
-    struct {
-        int code;
-        bool unsupported;
-        const char* text;
-    } cases[] = {
+    const std::tuple<int, bool, const char*> cases[] = {
         {INT_MIN, false, "malformed error reply (code -2147483648)"},
         {0, false, "malformed error reply (code 0)"},
         {-ENOENT, true, "kernel: No such file or directory"},
         {-EPERM, false, "kernel: Operation not permitted"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.code);
+    for (const auto& [code, unsupported, text] : cases) {
+        SCOPED_TRACE(code);
         struct {
             nlmsghdr header;
             nlmsgerr body;
-        } message{{sizeof(message), NLMSG_ERROR, 0, 7, 0}, {c.code, {}}};  // length, type, flags, seq, port
+        } message{{sizeof(message), NLMSG_ERROR, 0, 7, 0}, {code, {}}};  // length, type, flags, seq, port
         if (sendto(sender, &message, sizeof(message), 0, reinterpret_cast<const sockaddr*>(&address),
                    sizeof(address)) < 0 &&
             errno == EPERM) {
@@ -123,15 +122,130 @@ TEST(SockDiagDumpTest, ErrorRepliesGiveADefinedResult) {
         }
         std::vector<Engine::NetProcsMessage::netProcInfo> sockets;
         std::string error;
-        bool unsupported = !c.unsupported;
-        EXPECT_FALSE(Engine::SockDiag::DumpSockets(fd, AF_INET, IPPROTO_TCP, 7, sockets, error, unsupported));
-        EXPECT_NE(error.find(c.text), std::string::npos) << error;
-        EXPECT_EQ(unsupported, c.unsupported);
+        bool flagged = !unsupported;
+        EXPECT_FALSE(Engine::SockDiag::DumpSockets(fd, AF_INET, IPPROTO_TCP, 7, sockets, error, flagged));
+        EXPECT_NE(error.find(text), std::string::npos) << error;
+        EXPECT_EQ(flagged, unsupported);
         // The kernel's own answer to the request is still queued: it is read whole and ends the dump.
-        EXPECT_TRUE(Engine::SockDiag::DumpSockets(fd, AF_INET, IPPROTO_TCP, 8, sockets, error, unsupported));
+        EXPECT_TRUE(Engine::SockDiag::DumpSockets(fd, AF_INET, IPPROTO_TCP, 8, sockets, error, flagged));
     }
     close(fd);
     close(sender);
+}
+
+// Every kind of alarm's ECS document against the official field definitions (@elastic/ecs, test-only
+// data), including the allowed event.kind, event.category and event.type values and pairs.
+Json::Value Parse(const std::string& text) {
+    Json::Value root;
+    EXPECT_EQ(0, SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), root)) << text;
+    return root;
+}
+
+std::string Alarm(const char* classId, const char* name, const char* flag, const char* protocol,
+                  const char* local, const char* remote) {
+    return std::string(R"({"attack_phase":1,"attack_tag":1,"confidence":60,"detect_module":"portscan_module",
+        "event_category":6000,"event_classid":")") +
+           classId + R"(","event_count":1,"event_id":"8a0c4a5e-1b8f-4d4e-9a34-6e0f1c2d3b4a","event_name":")" +
+           name + R"(","event_type":6002,"network_info":{"app_protocol":")" + flag +
+           R"(","local_address":")" + local + R"(","local_port":3389,"protocol":")" + protocol +
+           R"(","remote_address":")" + remote +
+           R"(","remote_port":40000},"occur_time":1795258800,"severity":1})";
+}
+
+bool Has(const Json::Value& array, const Json::Value& value) {
+    return std::find(array.begin(), array.end(), value) != array.end();
+}
+
+// The allowed value of `field` named `name`; null when there is none.
+Json::Value Allowed(const Json::Value& field, const Json::Value& name) {
+    const Json::Value& values = field["allowed_values"];
+    const auto found = std::find_if(values.begin(), values.end(),
+                                    [&](const Json::Value& value) { return value["name"] == name; });
+    return found == values.end() ? Json::Value() : *found;
+}
+
+// Each field outside "hostagent" is defined in `flat`, an array exactly when defined so, of its type.
+void ExpectFields(const Json::Value& value, const std::string& path, const Json::Value& flat) {
+    static const std::regex date(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)");
+    if (value.isObject()) {
+        for (const std::string& key : value.getMemberNames()) {
+            if (!path.empty() || key != "hostagent") {
+                ExpectFields(value[key], path.empty() ? key : path + "." + key, flat);
+            }
+        }
+        return;
+    }
+    ASSERT_TRUE(flat.isMember(path)) << path << " is not an ECS field";
+    EXPECT_EQ(Has(flat[path]["normalize"], "array"), value.isArray()) << path;
+    const std::string type = flat[path]["type"].asString();
+    const std::vector<Json::Value> values = value.isArray()
+                                                ? std::vector<Json::Value>(value.begin(), value.end())
+                                                : std::vector<Json::Value>{value};
+    for (const Json::Value& one : values) {
+        const std::string text = one.isString() ? one.asString() : "";
+        unsigned char address[16];
+        if (type == "long") {  // the only numeric type the documents use
+            EXPECT_TRUE(one.isIntegral()) << path;
+        } else {
+            EXPECT_TRUE(one.isString() &&
+                        (type != "ip" || inet_pton(AF_INET, text.c_str(), address) == 1 ||
+                         inet_pton(AF_INET6, text.c_str(), address) == 1) &&
+                        (type != "date" || std::regex_match(text, date)))
+                << path << " (" << type << "): " << one;
+        }
+    }
+}
+
+TEST(EcsDocumentTest, EveryKindOfAlarmFollowsTheOfficialDefinitions) {
+    const std::string flatText = TestSupport::ReadFile(ECS_FLAT_JSON);
+    if (flatText.empty()) {
+        GTEST_SKIP() << ECS_FLAT_JSON << " is missing: run scripts/install-test-data.sh";
+    }
+    const Json::Value flat = Parse(flatText);
+    const Engine::EcsHost host{"web-1", "web-1", {"10.0.0.1", "fd00::1"}, "0.1.0"};
+    // The native alarm, and its message, event.severity, network.transport and network.type.
+    const std::tuple<std::string, const char*, int, const char*, const char*> cases[] = {
+        {Alarm("portscan_0001", "Common port scan", "FIN", "TCP", "10.0.0.1", "10.0.0.5"),
+         "Port scan from 10.0.0.5: FIN probe to TCP 3389", 21, "tcp", "ipv4"},
+        {Alarm("portscan_0001", "Common port scan", "", "UDP", "10.0.0.1", "192.168.7.7"),
+         "Port scan from 192.168.7.7: UDP probe to UDP 3389", 21, "udp", "ipv4"},
+        {Alarm("portscan_0002", "Secret port scan", "SYN", "TCP", "fd00:79::1", "fd00:79::2"),
+         "Port scan from fd00:79::2: SYN probe to TCP 3389", 47, "tcp", "ipv6"},
+        {R"({"attack_phase":1,"attack_tag":1,"confidence":60,"detect_module":"portscan_module","event_category":6000,
+            "event_classid":"portscan_0003","event_count":14,"event_id":"1b0c4a5e-1b8f-4d4e-9a34-6e0f1c2d3b4a",
+            "event_name":"Port scan summary","event_type":6003,"network_info":{"local_address":"10.0.0.1",
+            "protocol":"TCP","remote_address":"10.0.0.5"},"occur_time":1795258809,"scan_summary":{
+            "first_probe_ms":1795258800123,"last_probe_ms":1795258809456,"ports":[21,22,23,25,80,110,135,139,443,
+            445],"port_count":10,"probe_count":14,"probe_kinds":["SYN"],"protocols":["TCP"]},"severity":1})",
+         "Port scan from 10.0.0.5: 10 port(s) of 10.0.0.1 (TCP), 14 probe(s)", 73, "tcp", "ipv4"},
+    };
+    Json::Value ecs;
+    for (const auto& [native, message, severity, transport, networkType] : cases) {
+        SCOPED_TRACE(message);
+        ASSERT_TRUE(Engine::ToEcsDocument(Parse(native), host, ecs));
+        ExpectFields(ecs, "", flat);
+        EXPECT_FALSE(Allowed(flat["event.kind"], ecs["event"]["kind"]).isNull());
+        for (const Json::Value& category : ecs["event"]["category"]) {
+            const Json::Value allowed = Allowed(flat["event.category"], category);
+            ASSERT_FALSE(allowed.isNull()) << category;
+            for (const Json::Value& type : ecs["event"]["type"]) {
+                EXPECT_FALSE(Allowed(flat["event.type"], type).isNull()) << type;
+                EXPECT_TRUE(Has(allowed["expected_event_types"], type)) << type << " with " << category;
+            }
+        }
+        EXPECT_EQ(ecs["message"].asString(), message);
+        EXPECT_EQ(ecs["event"]["severity"].asInt(), severity);
+        EXPECT_EQ(ecs["network"]["transport"].asString(), transport);
+        EXPECT_EQ(ecs["network"]["type"].asString(), networkType);
+        EXPECT_EQ(ecs["event"]["id"], Parse(native)["event_id"]);
+        EXPECT_EQ(ecs["related"]["ip"].size(), 2u);
+    }
+    // The last is the summary.
+    EXPECT_EQ(ecs["@timestamp"].asString(), "2026-11-21T11:00:09.456Z");
+    EXPECT_EQ(ecs["event"]["start"].asString(), "2026-11-21T11:00:00.123Z");
+    EXPECT_EQ(ecs["hostagent"]["portscan"]["port_count"].asUInt(), 10u);
+    // Anything else is not converted: the sinks keep it as it came.
+    EXPECT_FALSE(Engine::ToEcsDocument(Parse(R"({"marker": "x"})"), host, ecs));
 }
 
 }  // namespace

@@ -26,7 +26,6 @@
 #include <numeric>
 #include <regex>
 #include <string>
-#include <tuple>
 #include <vector>
 
 namespace {
@@ -52,10 +51,7 @@ std::vector<std::string> Alarms(int count, int first = 0) {
 
 ReportSink Sink(Kind kind, const std::string& path, Transport transport = Transport::Local,
                 const std::string& address = "", const std::string& spool = "") {
-    ReportSink sink;
-    std::tie(sink.kind, sink.path, sink.transport, sink.address, sink.spool) =
-        std::tie(kind, path, transport, address, spool);
-    return sink;
+    return {kind, path, transport, address, spool};
 }
 
 // Runs a report task with `sinks` on `alarms` for `wait` or until `done`; returns how long its stop took.
@@ -145,7 +141,6 @@ std::vector<int> Seqs(const std::vector<std::string>& messages, bool local = fal
 }
 
 TEST(ReportSinkFaultsTest, TcpSyslogSpoolsWhileTheCollectorIsDownAndSendsEachAlarmOnceInOrder) {
-    TestEngine();
     RecordingChannel& logs = CaptureLogs();
     TempDir dir;
     const unsigned port = Receiver(0).m_port;  // a free port, closed again: the collector is down
@@ -155,7 +150,6 @@ TEST(ReportSinkFaultsTest, TcpSyslogSpoolsWhileTheCollectorIsDownAndSendsEachAla
 
     // Down: twenty alarms, the agent stops; the spool keeps the newest that fit.
     ReportAndStop({sink}, Alarms(20));
-    EXPECT_EQ(logs.CountContaining("Cannot send alarms to syslog collector"), 1u);
     EXPECT_LE(ReadFile(sink.spool).size(), sink.spoolMaxBytes);
 
     // Back: the next run sends the spooled alarms, then its own, each once and in order.
@@ -167,15 +161,12 @@ TEST(ReportSinkFaultsTest, TcpSyslogSpoolsWhileTheCollectorIsDownAndSendsEachAla
     std::vector<int> expected(22 - dropped);
     std::iota(expected.begin(), expected.end(), dropped);
     EXPECT_EQ(seqs, expected);
-    EXPECT_EQ(logs.CountContaining("oldest alarm(s) dropped"), 1u);
     EXPECT_EQ(logs.CountContaining(": " + std::to_string(dropped) + " oldest alarm(s) dropped"), 1u);
     EXPECT_EQ(ReadFile(sink.spool), "");
-    EXPECT_EQ(logs.CountContaining("from spool"), 1u);
 }
 
 // Collectors that do not resolve and a local reader that never reads: one error each, and no waiting.
 TEST(ReportSinkFaultsTest, UnresolvableCollectorsAndAStuckLocalReaderHoldUpNothing) {
-    TestEngine();
     RecordingChannel& logs = CaptureLogs();
     TempDir dir;
     const ReportSink file = Sink(Kind::File, dir.File("alarms.jsonl"));
@@ -203,12 +194,10 @@ TEST(ReportSinkFaultsTest, UnresolvableCollectorsAndAStuckLocalReaderHoldUpNothi
         R"(Cannot send alarms to syslog collector collector\.invalid:6514 \((tcp|udp)\): )"
         R"(cannot resolve "collector\.invalid": [A-Za-z][^;]+; keeping them in (spool|memory).*)");
     const std::vector<std::string> texts = logs.Texts();
-    auto count = [&](const std::regex& pattern) {
-        return std::count_if(texts.begin(), texts.end(),
-                             [&](const std::string& text) { return std::regex_search(text, pattern); });
-    };
-    EXPECT_EQ(count(std::regex(R"(Cannot send.*collector\.invalid)")), 2);
-    EXPECT_EQ(count(clear), 2);
+    EXPECT_EQ(logs.CountContaining("Cannot send alarms to syslog collector collector.invalid"), 2u);
+    EXPECT_EQ(std::count_if(texts.begin(), texts.end(),
+                            [&](const std::string& text) { return std::regex_search(text, clear); }),
+              2);
     EXPECT_EQ(
         logs.CountContaining("600 alarm(s) for syslog collector collector.invalid:6514 (tcp) kept in spool"),
         1u);
@@ -217,7 +206,15 @@ TEST(ReportSinkFaultsTest, UnresolvableCollectorsAndAStuckLocalReaderHoldUpNothi
               1u);
 }
 
-TEST(ReportSinkFaultsTest, LocalSyslogSocketSurvivesADaemonRestart) {
+TEST(ReportSinkFaultsTest, LocalSyslogSocketTakesTheLocalDaemonsFormAndSurvivesADaemonRestart) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    // 2026-11-03 04:05:06 UTC: a one-digit day is padded with a space.
+    EXPECT_EQ(Engine::LocalSyslogHeader("<28>", "hostagent", "77", 1793678706),
+              "<28>Nov  3 04:05:06 hostagent[77]: ");
+    EXPECT_EQ(Engine::LocalSyslogHeader("<28>", "hostagent", "77", 1795422000),
+              "<28>Nov 23 08:20:00 hostagent[77]: ");
+
     TempDir dir;
     const ReportSink sink = Sink(Kind::Syslog, dir.File("log.sock"));
     auto daemon = std::make_unique<Receiver>(sink.path);
@@ -235,30 +232,17 @@ TEST(ReportSinkFaultsTest, LocalSyslogSocketSurvivesADaemonRestart) {
     EXPECT_TRUE(TestEngine().UnRegisterTask(DataCommReportTask::kTaskName));
 }
 
-TEST(ReportSinkFaultsTest, LocalSyslogHeaderIsTheLocalDaemonsForm) {
-    setenv("TZ", "UTC", 1);
-    tzset();
-    // 2026-11-03 04:05:06 UTC: a one-digit day is padded with a space.
-    EXPECT_EQ(Engine::LocalSyslogHeader("<28>", "hostagent", "77", 1793678706),
-              "<28>Nov  3 04:05:06 hostagent[77]: ");
-    EXPECT_EQ(Engine::LocalSyslogHeader("<28>", "hostagent", "77", 1795422000),
-              "<28>Nov 23 08:20:00 hostagent[77]: ");
-}
-
 TEST(ReportSinkFaultsTest, AlarmFileHoldsALinePerAlarmAndSurvivesItsFolderRemovedAndAFullDisk) {
-    TestEngine();
     RecordingChannel& logs = CaptureLogs();
     TempDir dir;
-    // A line per alarm (JSON collapsed, other text kept, other types not filed) in a folder made as needed.
-    ReportSink sink = Sink(Kind::File, dir.File("gone/alarms.jsonl"));
+    // A line per alarm (text that is not JSON kept, other types not filed) in a folder made as needed.
+    const ReportSink sink = Sink(Kind::File, dir.File("gone/alarms.jsonl"));
     auto* task = new DataCommReportTask({sink});
     ASSERT_TRUE(TestEngine().RegisterTask(task, true));
-    for (const auto& [type, body] : {std::pair{"2", "{\n  \"event_id\": \"a\",\n  \"event_count\": 2\n}\n"},
-                                     {"1", R"({"other":"type"})"},
-                                     {"2", "not JSON {\nkept"}}) {
+    for (const auto& [type, body] : {std::pair{"1", R"({"other":"type"})"}, {"2", "not JSON {\nkept"}}) {
         EXPECT_TRUE(task->EnqueueMsg(new Framework::DataMessage(type, body)));
     }
-    const std::vector<std::string> lines = {R"({"event_count":2,"event_id":"a"})", "not JSON {\\nkept"};
+    const std::vector<std::string> lines = {"not JSON {\\nkept"};
     EXPECT_TRUE(WaitUntil([&] { return ReadLines(sink.path) == lines; }, Millis(5000)))
         << ReadFile(sink.path);
     MustRun({"rm", "-rf", dir.File("gone")});
@@ -270,13 +254,10 @@ TEST(ReportSinkFaultsTest, AlarmFileHoldsALinePerAlarmAndSurvivesItsFolderRemove
     if (geteuid() != 0) {
         GTEST_SKIP() << "the full-disk half needs root (it mounts a small tmpfs)";
     }
-    const std::string disk = dir.File("disk");  // a tmpfs of its own
-    mkdir(disk.c_str(), 0700);
+    const std::string disk = dir.File("gone");  // again, now a small tmpfs of its own
     ASSERT_EQ(mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=64k"), 0);
-    sink.path = disk + "/alarms.jsonl";
     const std::string filler = disk + "/filler";
-    // More than fits: the disk is full afterwards.
-    TestSupport::Run({"dd", "if=/dev/zero", "of=" + filler, "bs=128k", "count=1"});
+    TestSupport::Run({"dd", "if=/dev/zero", "of=" + filler, "bs=128k", "count=1"});  // fills the disk
     logs.Clear();
     // Room is made once a write failed: the next retry writes whole lines in order.
     const std::vector<std::string> expected = Alarms(50);
@@ -306,7 +287,6 @@ std::uint64_t Inode(const std::string& path) {
 }
 
 TEST(ReportSinkFaultsTest, SpoolReadAfterACrashHoldsExactlyTheFramesNotYetSent) {
-    TestEngine();
     TempDir dir;
     const std::string path = dir.File("syslog.spool");
     const std::string record = path + ".offset";
@@ -323,13 +303,10 @@ TEST(ReportSinkFaultsTest, SpoolReadAfterACrashHoldsExactlyTheFramesNotYetSent) 
         EXPECT_TRUE(spool->Open(error)) << error;
         return spool;
     };
+    WriteFile(path, all);  // spooled while the collector was down
     {
-        auto spool = open();
-        for (const std::string& frame : frames) {
-            spool->Push(frame);
-        }
-        ASSERT_TRUE(spool->Persist());  // the collector is down: all ten in the file
         // Four sent, the offset fsync'd, then the agent dies (no Close).
+        auto spool = open();
         for (int i = 0; i < 4; ++i) {
             spool->PopFront();
         }
@@ -349,7 +326,6 @@ TEST(ReportSinkFaultsTest, SpoolReadAfterACrashHoldsExactlyTheFramesNotYetSent) 
     WriteFile(record, std::to_string(Inode(path)) + " " + std::to_string(all.size()) + "\n");
     {
         auto spool = open();
-        EXPECT_TRUE(spool->Empty());
         spool->Push(frames[0]);
         ASSERT_TRUE(spool->Persist());
     }
