@@ -1,7 +1,8 @@
 // A module for the agent's tests only. Its policy (key "90001") is a JSON object with a required text
 // "marker"; "count" events are sent when it arrives, "burst_on_stop" more when the module stops, each a
 // pretty-printed type "2" message to the report task (which must write it as one line): the policy's
-// fields, "policy_name" (the name it came under), "event_classid":"test_0001", "kind":"policy"|"stop".
+// fields, "policy_name" (the name it came under), "event_classid":"test_0001", "kind":"policy"|"stop"
+// and "seq".
 #include "framework/Message.h"
 #include "framework/Module.h"
 #include "framework/ModuleApi.h"
@@ -62,7 +63,9 @@ private:
         Json::Value body = m_event;
         body["event_classid"] = "test_0001";
         body["kind"] = kind;
-        for (int i = m_event.get(countKey, defaultCount).asInt(); i > 0; --i) {
+        // "seq" keeps the events distinct, so a lost one and a doubled one cannot cancel out.
+        for (int seq = 0; seq < m_event.get(countKey, defaultCount).asInt(); ++seq) {
+            body["seq"] = seq;
             m_sender.SendDirectMsg("data_comm_report_task",
                                    new Framework::DataMessage("2", body.toStyledString()));
         }
