@@ -68,8 +68,16 @@ public:
     static bool BuildPort6BpfProgram(const std::vector<in6_addr>& addresses, const std::vector<long>& ports,
                                      std::vector<sock_filter>& program, bool reportableSourcesOnly = false);
     // Builds the IPv6 filter for `ports` and the host's IPv6 addresses (::1 excluded) and attaches
-    // it. True when attached; false leaves the previous filter in place.
+    // it. True when attached. False when the filter cannot be built (the previous one stays) or the
+    // kernel refuses it: then the socket may be left with a drop-all filter or none, and the caller
+    // must not keep capturing on it.
     static bool LoadPort6BpfRules(int fd, std::vector<long> ports, bool reportableSourcesOnly = false);
+    // Whether the kernel takes that IPv6 filter within net.core.optmem_max. It charges a filter in
+    // its converted form, a size only it knows, so the filter is attached to a throwaway local
+    // socket, which is charged alike. `addressCount` gets the host's IPv6 address count. True also
+    // when the filter cannot be built (that has its own error line) or no socket can be opened.
+    static bool Port6FilterFitsOptionMemory(const std::vector<long>& ports, bool reportableSourcesOnly,
+                                            std::size_t& addressCount);
     // Fills `node` (isIpv6 set) from an IPv6 Ethernet frame of `length` received bytes. False, with
     // `node` untouched, for a short frame, a frame that is not IPv6, or a next header other than TCP
     // or UDP (extension headers included).

@@ -736,7 +736,20 @@ bool SocketUtil::LoadPort6BpfRules(int fd, std::vector<long> ports, bool reporta
     sock_fprog filter;
     filter.len = static_cast<unsigned short>(program.size());
     filter.filter = program.data();
-    if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter)) != 0) {
+    int result = setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter));
+    if (result != 0 && errno == ENOMEM) {
+        // The kernel charges the new filter before it frees the old one, so a reload needs room for
+        // both. The old one gives way first to a one-instruction drop-all (or, failing that, to
+        // none); whatever that admits is discarded by the ClearSocketBuff after every load.
+        sock_filter dropAll = Statement(BPF_RET | BPF_K, 0);
+        const sock_fprog placeholder{1, &dropAll};
+        if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &placeholder, sizeof(placeholder)) != 0) {
+            const int unused = 0;
+            setsockopt(fd, SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof(unused));
+        }
+        result = setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter));
+    }
+    if (result != 0) {
         const int error = errno;
         PORTSCAN_LOG(Poco::Message::PRIO_ERROR, "[SocketUtil] Cant set ip6 filter");
         if (error == ENOMEM) {
@@ -750,6 +763,28 @@ bool SocketUtil::LoadPort6BpfRules(int fd, std::vector<long> ports, bool reporta
         return false;
     }
     return true;
+}
+
+bool SocketUtil::Port6FilterFitsOptionMemory(const std::vector<long>& ports, bool reportableSourcesOnly,
+                                             std::size_t& addressCount) {
+    std::vector<in6_addr> addresses;
+    IPUtil::GetLocalhostIp6(addresses);
+    addressCount = addresses.size();
+    std::vector<sock_filter> program;
+    if (!BuildPort6BpfProgram(addresses, ports, program, reportableSourcesOnly)) {
+        return true;
+    }
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return true;
+    }
+    sock_fprog filter;
+    filter.len = static_cast<unsigned short>(program.size());
+    filter.filter = program.data();
+    const bool fits =
+        setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter)) == 0 || errno != ENOMEM;
+    close(fd);
+    return fits;
 }
 
 bool SocketUtil::ParsePacket6(const char* frame, unsigned long length, PacketNode* node) {

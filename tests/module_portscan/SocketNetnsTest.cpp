@@ -14,6 +14,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <set>
@@ -225,20 +226,55 @@ TEST_F(PortScanNetns, ReportableSourcesOnlyAdmitsExactlyThePrivateRanges) {
 
 // A filter past the namespace's net.core.optmem_max is refused with a line naming the sysctl. Older
 // kernels keep that sysctl for the host only: nothing is changed there.
-TEST_F(PortScanNetns, Ipv6FilterPastOptmemMaxIsNamed) {
-    if (TestSupport::Run({"ip", "netns", "exec", m_cap->Name(), "sh", "-c",
-                          "test -e /proc/sys/net/core/optmem_max && sysctl -qw net.core.optmem_max=512"})
+// The kernel charges a filter against net.core.optmem_max, the new one before it frees the old.
+TEST_F(PortScanNetns, Ipv6FilterWithinOptmemMaxReloadsAndPastItIsNamed) {
+    if (TestSupport::Run(
+            {"ip", "netns", "exec", m_cap->Name(), "test", "-w", "/proc/sys/net/core/optmem_max"})
             .code != 0) {
         GTEST_SKIP() << "net.core.optmem_max is not kept per network namespace here";
     }
     TestSupport::RecordingChannel& log = ModuleLogs();
+    const std::vector<long> ports = {4001, 4002};
     RunIn(*m_cap, [&] {
+        auto setOptmemMax = [](long bytes) { std::ofstream("/proc/sys/net/core/optmem_max") << bytes; };
+        // The least room the kernel takes the filter in, as the lint finds it.
+        long low = 0, high = 1 << 20;
+        std::size_t addresses = 0;
+        while (high - low > 8) {
+            setOptmemMax((low + high) / 2);
+            (SocketUtil::Port6FilterFitsOptionMemory(ports, false, addresses) ? high : low) =
+                (low + high) / 2;
+        }
+        EXPECT_GE(addresses, 1u);
+        setOptmemMax(high + 8);
         int fd = -1;
         SocketUtil::CreateRawSocket6(fd);
         m_fds.push_back(fd);
-        EXPECT_FALSE(SocketUtil::LoadPort6BpfRules(fd, {4001}, false));
+        ASSERT_TRUE(SocketUtil::LoadPort6BpfRules(fd, ports));
+        // Room for one filter, not for two: the reload still takes.
+        ASSERT_TRUE(SocketUtil::LoadPort6BpfRules(fd, ports));
+        std::vector<sock_filter> expected;
+        std::vector<in6_addr> local;
+        Engine::IPUtil::GetLocalhostIp6(local);
+        ASSERT_TRUE(SocketUtil::BuildPort6BpfProgram(local, ports, expected));
+        EXPECT_EQ(expected, AttachedProgram(fd));
+        EXPECT_EQ(0u, log.CountContaining("optmem_max"));
+
+        setOptmemMax(low);
+        // The lint warns with the "ipv6" key only.
+        const std::string policy = R"({"content": {"port_scan_task": {"monitor_list": [{"port": 4001,
+            "type": 0}, {"port": 4002, "type": 1}], "check_port_before_alarm": true)";
+        const Engine::PortScanModule module;
+        for (const bool ipv6 : {false, true}) {
+            const std::vector<std::string> findings =
+                module.LintPolicy("10001", policy + (ipv6 ? R"(, "ipv6": true}}})" : "}}}"));
+            EXPECT_EQ(ipv6, findings.size() == 1 &&
+                                findings[0].find("exceeds net.core.optmem_max") != std::string::npos)
+                << ipv6 << ": " << (findings.empty() ? "" : findings[0]);
+        }
+        EXPECT_FALSE(SocketUtil::LoadPort6BpfRules(fd, ports));
+        EXPECT_EQ(1u, log.CountContaining("exceeds net.core.optmem_max"));
     });
-    EXPECT_EQ(1u, log.CountContaining("exceeds net.core.optmem_max"));
 }
 
 // The plain per-family queries: CollectTaskTest.OccupancyQueriesAskTheRightFamilies.
