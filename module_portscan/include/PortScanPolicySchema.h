@@ -5,6 +5,7 @@
 #include <json/json.h>
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -40,7 +41,12 @@ bool IsTaskPolicyKey(const std::string& key);
 // Settings of the task policy `task` (the "port_scan_task" object) that the module accepts but
 // that make detection ineffective or surprising, one line each: "<what happens>; <how to fix it>".
 // `localAddressCount` is the host's IPv4 address count without loopback, which the capture filter
-// tests one by one.
-std::vector<std::string> LintTaskPolicy(const Json::Value& task, std::size_t localAddressCount);
+// tests one by one. With "ipv6" on, `ipv6FilterFits` (when given) answers whether the kernel takes
+// the IPv6 filter for the watched ports and sets the host's IPv6 address count
+// (SocketUtil::Port6FilterFitsOptionMemory).
+using Ipv6FilterProbe = std::function<bool(const std::vector<long>& ports, bool reportableSourcesOnly,
+                                           std::size_t& addressCount)>;
+std::vector<std::string> LintTaskPolicy(const Json::Value& task, std::size_t localAddressCount,
+                                        const Ipv6FilterProbe& ipv6FilterFits = nullptr);
 
 }  // namespace Engine

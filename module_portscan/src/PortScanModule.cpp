@@ -14,7 +14,6 @@
 
 #include <atomic>
 #include <memory>
-#include <set>
 
 namespace Engine {
 
@@ -50,33 +49,10 @@ std::vector<std::string> PortScanModule::LintPolicy(const std::string& key, cons
         !root.isObject() || !root["content"].isObject() || !root["content"][kTaskName].isObject()) {
         return {};
     }
-    const Json::Value& task = root["content"][kTaskName];
     std::vector<unsigned int> addresses;
     IPUtil::GetLocalhostIp(addresses);
-    std::vector<std::string> findings = LintTaskPolicy(task, addresses.size());
-    if (task["ipv6"].isBool() && task["ipv6"].asBool()) {
-        // The capture filters hold one test per watched record: each (port, type) pair once.
-        std::set<std::pair<long, long>> records;
-        for (const Json::Value& entry : task["monitor_list"]) {
-            if (entry.isObject() && entry["port"].isIntegral() && entry["type"].isIntegral()) {
-                records.insert({entry["port"].asInt64(), entry["type"].asInt64()});
-            }
-        }
-        std::vector<long> ports;
-        for (const auto& record : records) {
-            ports.push_back(record.first);
-        }
-        const Json::Value& reportable = task["reportable_sources_only"];
-        std::size_t addressCount = 0;
-        if (!SocketUtil::Port6FilterFitsOptionMemory(ports, reportable.isBool() && reportable.asBool(),
-                                                     addressCount)) {
-            findings.push_back("the IPv6 capture filter for " + std::to_string(addressCount) +
-                               " local IPv6 address(es) and " + std::to_string(ports.size()) +
-                               " port(s) exceeds net.core.optmem_max: the kernel refuses it and IPv6 "
-                               "probes go unseen; raise net.core.optmem_max or watch fewer ports");
-        }
-    }
-    return findings;
+    return LintTaskPolicy(root["content"][kTaskName], addresses.size(),
+                          SocketUtil::Port6FilterFitsOptionMemory);
 }
 
 std::string PortScanModule::RefusalOf(const std::string& key, const std::string& text) const {

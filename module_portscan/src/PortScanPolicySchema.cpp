@@ -132,7 +132,8 @@ bool IsTaskPolicyKey(const std::string& key) {
     return false;
 }
 
-std::vector<std::string> LintTaskPolicy(const Json::Value& task, std::size_t localAddressCount) {
+std::vector<std::string> LintTaskPolicy(const Json::Value& task, std::size_t localAddressCount,
+                                        const Ipv6FilterProbe& ipv6FilterFits) {
     std::vector<std::string> out;
     for (const std::string& key : task.getMemberNames()) {
         if (!IsTaskPolicyKey(key)) {
@@ -190,6 +191,19 @@ std::vector<std::string> LintTaskPolicy(const Json::Value& task, std::size_t loc
                       " local address(es) exceed the capture filter's reach: "
                       "the filter is built wrong and misses or mis-sorts packets; watch at most " +
                       std::to_string(reach) + " ports on this host");
+    }
+    if (Flag(task, "ipv6") && ipv6FilterFits) {
+        std::vector<long> watched;
+        for (const auto& pair : pairs) {
+            watched.push_back(pair.first);
+        }
+        std::size_t addresses = 0;
+        if (!ipv6FilterFits(watched, Flag(task, "reportable_sources_only"), addresses)) {
+            out.push_back("the IPv6 capture filter for " + std::to_string(addresses) +
+                          " local IPv6 address(es) and " + std::to_string(ports) +
+                          " port(s) exceeds net.core.optmem_max: the kernel refuses it and IPv6 probes go "
+                          "unseen; raise net.core.optmem_max or watch fewer ports");
+        }
     }
     if (!Flag(task, "check_port_before_alarm")) {
         out.push_back(
