@@ -19,65 +19,38 @@ using Engine::SocketUtil;
 
 namespace {
 
-unsigned int Host(const char* dotted) {
-    return ntohl(inet_addr(dotted));  // "255.255.255.255" is inet_addr's error value, all ones as well
-}
-
-TEST(PortScanAddress, TransforIp) {
-    // text, first and last address of the block; null: refused.
-    const char* const cases[][3] = {
+// Either end of a block, IPv4 or IPv6 ("": refused, the result untouched): the mask forms, prefixes out of
+// range and the /0 block, which the fuzz reference does not judge.
+TEST(PortScanAddress, BlockEndsAndRefusedLists) {
+    const std::string cases[][3] = {
         {"10.1.2.3/255.255.255.255", "10.1.2.3", "10.1.2.3"},
         {"10.1.2.3/255.0.255.0", "10.0.0.0", "10.255.255.255"},  // leading ones only: /8
-        {"\t 192.168.7.9/24 ", "192.168.7.0", "192.168.7.255"},
-        {"255.255.255.255", nullptr, nullptr},
-        {"10.0.0.1/33", nullptr, nullptr},
-        {"10.0.0.1/abc", nullptr, nullptr},
-    };
-    for (const auto& c : cases) {
-        for (int end : {1, 2}) {
-            unsigned int value = 7;
-            EXPECT_EQ(c[end] != nullptr, IPUtil::transfor_ip(c[0], end == 1, &value)) << c[0] << end;
-            EXPECT_EQ(c[end] != nullptr ? Host(c[end]) : 7u, value) << c[0] << end;
-        }
-    }
-}
-
-TEST(PortScanAddress, TransforIp6) {
-    // text, first and last address; "": refused.
-    const std::string cases[][3] = {
+        {"255.255.255.255", "", ""},
+        {"10.0.0.1/33", "", ""},
+        {"10.0.0.1/abc", "", ""},
         {"::/0", "", std::string(32, 'f')},
         {"2001:db8::/129", "", ""},
         {"2001:db8::/-1", "", ""},
     };
     for (const auto& c : cases) {
         for (int end : {1, 2}) {
-            std::string value = "untouched";
-            EXPECT_EQ(!c[end].empty(), Engine::transfor_ip6(c[0].c_str(), end == 1, value)) << c[0] << end;
-            EXPECT_EQ(c[end].empty() ? "untouched" : c[end], value) << c[0] << end;
+            std::string got = "untouched";
+            unsigned int value = 7;
+            const bool ok = c[0].find(':') != std::string::npos
+                                ? Engine::transfor_ip6(c[0].c_str(), end == 1, got)
+                                : IPUtil::transfor_ip(c[0].c_str(), end == 1, &value);
+            if (value != 7) {
+                got = inet_ntoa(in_addr{htonl(value)});
+            }
+            EXPECT_EQ(!c[end].empty(), ok) << c[0] << end;
+            EXPECT_EQ(c[end].empty() ? "untouched" : c[end], got) << c[0] << end;
         }
     }
     EXPECT_EQ(1, Engine::ascii_to_hex('G'));  // any non-digit counts as 1
-}
-
-TEST(PortScanWhiteList, ParseAndMatch) {
-    using Ranges = std::vector<std::pair<unsigned int, unsigned int>>;
-    // list, its ranges (none: refused), an address and whether the list holds it
-    const std::tuple<const char*, Ranges, const char*, bool> cases[] = {
-        {"all", {{0u, 0xFFFFFFFFu}}, "255.255.255.255", false},
-        {"ALL", {}, "10.0.0.1", false},
-        {"any", {}, "10.0.0.1", false},
-        {",,,", {}, "10.0.0.1", false},
-    };
-    for (const auto& [list, expected, probe, white] : cases) {
-        SCOPED_TRACE(list);
-        std::vector<Engine::IP_RANGE> ranges{{1, 2}};
-        EXPECT_EQ(!expected.empty(), IPUtil::parse_ip_ranges(list, ranges));
-        Ranges parsed;
-        for (const auto& range : ranges) {
-            parsed.emplace_back(range.start, range.end);
-        }
-        EXPECT_EQ(expected, parsed);
-        EXPECT_EQ(white, IPUtil::IsWhiteIpList(probe, ranges));
+    // Only the lower-case keyword stands for every address; a list of empty pieces names none.
+    for (const char* list : {"ALL", ",,,"}) {
+        std::vector<Engine::IP_RANGE> ranges;
+        EXPECT_FALSE(IPUtil::parse_ip_ranges(list, ranges)) << list;
     }
 }
 
@@ -86,22 +59,15 @@ TEST(PortScanParser, FramesOfBothFamilies) {
     // source (its family picks the parser), protocol or next header, IPv4 header words, length (0: the
     // headers), a 16-bit field set at an offset (12: the ethertype), type (-1: refused, untouched), flag
     const std::tuple<const char*, int, int, size_t, size_t, unsigned, int, const char*> cases[] = {
-        {"10.0.0.5", IPPROTO_TCP, 6, 51, 12, ETH_P_IP, -1, "old"},   // the flag byte is the first missing one
         {"10.0.0.5", IPPROTO_TCP, 6, 52, 12, ETH_P_IP, 0, "SYN"},    // ends at the flag byte
         {"10.0.0.5", IPPROTO_UDP, 15, 77, 12, ETH_P_IP, -1, "old"},  // the destination port is cut
         {"10.0.0.5", IPPROTO_UDP, 15, 78, 12, ETH_P_IP, 1, ""},
         {"10.0.0.5", IPPROTO_UDP, 5, 41, 12, ETH_P_IP, -1, "old"},  // below the shortest frame: after a pause
-        {"10.0.0.5", IPPROTO_TCP, 15, 0, 12, ETH_P_IP, 0, "SYN"},   // the longest IP header
         {"fd00:78::2", IPPROTO_TCP, 5, 0, 12, ETH_P_IPV6, 0, "SYN"},
-        {"fd00:78::2", IPPROTO_TCP, 5, 0, 66, 0x5012, 0, "SYN,ACK"},
         {"fd00:78::2", IPPROTO_UDP, 5, 0, 12, ETH_P_IPV6, 1, ""},  // the shortest
         {"fd00:78::2", IPPROTO_UDP, 5, 61, 12, ETH_P_IPV6, -1, "old"},
         {"fd00:78::2", IPPROTO_TCP, 5, 73, 12, ETH_P_IPV6, -1, "old"},
-        {"fd00:78::2", 0, 5, 74, 12, ETH_P_IPV6, -1, "old"},   // hop-by-hop options
-        {"fd00:78::2", 43, 5, 74, 12, ETH_P_IPV6, -1, "old"},  // routing
-        {"fd00:78::2", 44, 5, 74, 12, ETH_P_IPV6, -1, "old"},  // fragment
-        {"fd00:78::2", 60, 5, 74, 12, ETH_P_IPV6, -1, "old"},  // destination options
-        {"fd00:78::2", IPPROTO_ICMPV6, 5, 74, 12, ETH_P_IPV6, -1, "old"},
+        {"fd00:78::2", 44, 5, 74, 12, ETH_P_IPV6, -1, "old"},        // an extension header (fragment)
         {"fd00:78::2", IPPROTO_TCP, 5, 0, 12, ETH_P_IP, -1, "old"},  // the IPv4 ethertype
         {"fd00:78::2", IPPROTO_TCP, 5, 0, 14, 0x4000, -1, "old"},    // version 4
     };
@@ -124,15 +90,11 @@ TEST(PortScanParser, FramesOfBothFamilies) {
             std::make_tuple(node.isIpv6, int(node.localPort), int(node.remotePort), node.type, node.flag));
         EXPECT_EQ(ok && v6 ? "fd00:78::1 fd00:78::2" : ":: ::",
                   IPUtil::Ip6Text(node.localAddress6) + " " + IPUtil::Ip6Text(node.remoteAddress6));
-        EXPECT_EQ(
-            ok && !v6 ? std::make_pair(inet_addr("10.0.0.1"), inet_addr("10.0.0.5")) : std::make_pair(0u, 0u),
-            std::make_pair(node.localAddress.s_addr, node.remoteAddress.s_addr));
     }
 }
 
 // The kernel test runs the filter over a hundred addresses; the bounds are refused here.
 TEST(PortScanIpv6Filter, ListsPastTheKernelsReachAreRefused) {
-    auto& log = ModuleLogs();
     auto addresses = [](size_t count) { return std::vector<in6_addr>(count, in6addr_loopback); };
     std::vector<sock_filter> program;
     // Past the kernel's length limit, or a port test whose jump to the accept needs 9 bits: refused.
@@ -140,7 +102,6 @@ TEST(PortScanIpv6Filter, ListsPastTheKernelsReachAreRefused) {
     EXPECT_FALSE(SocketUtil::BuildPort6BpfProgram(addresses(227), {2501, 2500}, program));
     EXPECT_TRUE(SocketUtil::BuildPort6BpfProgram(addresses(1), std::vector<long>(256, 2501), program));
     EXPECT_FALSE(SocketUtil::BuildPort6BpfProgram(addresses(1), std::vector<long>(257, 2501), program));
-    EXPECT_EQ(2u, log.CountContaining("[SocketUtil] Too many ports or addresses for the IPv6 filter"));
 }
 
 TEST(PortScanLocalAddress, EdgeRows) {
@@ -152,15 +113,9 @@ TEST(PortScanLocalAddress, EdgeRows) {
     for (const auto& [ip, net, prefix, in] : nets) {
         EXPECT_EQ(in, IPUtil::CheckIpNet(inet_addr(ip), inet_addr(net), prefix)) << ip << " " << net;
     }
-    const std::pair<const char*, bool> loopback[] = {
-        {"::1", true}, {"127.0.0.1", true}, {"localhost", false}, {"127.0.0.2", false}};
-    for (const auto& [text, yes] : loopback) {
-        EXPECT_EQ(yes, IPUtil::is_localhost_ip(text)) << text;
-    }
-
     const std::tuple<std::vector<std::string>, bool, std::vector<unsigned int>> masters[] = {
         {{"10.0.0.5:443", "manager.example:443"}, false, {0x0A000005u}},
-        {{"10.0.0.300:80"}, true, {Host("10.0.1.44")}},  // octets above 255 spill over
+        {{"10.0.0.300:80"}, true, {0x0A00012Cu}},  // octets above 255 spill over
     };
     auto* config = Framework::ConfigManager::GetInstance();
     for (const auto& [endpoints, ok, expected] : masters) {
