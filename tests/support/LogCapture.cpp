@@ -12,9 +12,7 @@ namespace TestSupport {
 RecordingChannel& CaptureLogs(const std::vector<std::string>& loggers, const std::string& level) {
     static Poco::AutoPtr<RecordingChannel> channel(new RecordingChannel);
     TestEngine();
-    SDK::LogSettings settings;
-    settings.level = level;
-    settings.console = false;
+    const SDK::LogSettings settings{level, false, ""};
     std::string error;
     SDK::LoggerUtils* const utils = SDK::LoggerUtils::GetInstance();
     if (!utils->Configure(settings, error)) {

@@ -5,7 +5,6 @@
 #include <memory>
 
 namespace TestSupport {
-
 namespace {
 
 std::unique_ptr<Framework::Engine> g_engine;  // constant-initialized: safe to use from any static

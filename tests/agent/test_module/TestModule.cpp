@@ -1,8 +1,6 @@
-// A module for the agent's tests only. Its policy (key "90001") is a JSON object with a required text
-// "marker"; "count" events are sent when it arrives, "burst_on_stop" more when the module stops, each a
-// pretty-printed type "2" message to the report task (which must write it as one line): the policy's
-// fields, "policy_name" (the name it came under), "event_classid":"test_0001", "kind":"policy"|"stop"
-// and "seq".
+// A module for the agent's tests only. Its policy (key "90001") needs a text "marker"; it sends "count"
+// events when it arrives and "burst_on_stop" when the module stops, each pretty-printed (the report task
+// must write it as one line): the policy's fields, "policy_name", "event_classid", "kind" and "seq".
 #include "framework/Message.h"
 #include "framework/Module.h"
 #include "framework/ModuleApi.h"
