@@ -1,17 +1,25 @@
 #include "EcsDocument.h"
 #include "builtin_tasks/NetProcsFullTask.h"
 #include "sdk/JsonUtils.h"
+#include "support/LogCapture.h"
 #include "support/NetLab.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/netlink.h>
+#include <linux/seccomp.h>
 #include <netinet/in.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -101,6 +109,35 @@ void ExpectFields(const Json::Value& value, const std::string& path, const Json:
     };
     EXPECT_TRUE(value.isArray() ? std::all_of(value.begin(), value.end(), typed) : typed(value))
         << path << " (" << type << "): " << value;
+}
+
+TEST(NetProcsFullTaskTest, ANetlinkSocketThatCannotBeMadeIsReportedOnceAndRecoveredFrom) {
+    TestSupport::RecordingChannel& logs = TestSupport::CaptureLogs();
+    NetProcsFullTask task(60000);
+    int refreshed = 0;
+    // On a thread of its own, a seccomp filter makes every new netlink socket fail with EMFILE.
+    std::thread([&] {
+        sock_filter program[] = {
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_socket, 0, 3),
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_NETLINK, 0, 1),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EMFILE),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        };
+        sock_fprog filter{static_cast<unsigned short>(sizeof(program) / sizeof(program[0])), program};
+        ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+        ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
+        ASSERT_LT(socket(AF_NETLINK, SOCK_RAW, NETLINK_SOCK_DIAG), 0);
+        for (int i = 0; i < 3; ++i) {
+            refreshed += task.RefreshNow();
+        }
+    }).join();
+    EXPECT_EQ(refreshed, 0);
+    EXPECT_EQ(logs.CountContaining("Cannot read the socket tables"), 1u);
+    EXPECT_EQ(logs.CountContaining("netlink socket: Too many open files"), 1u);
+    EXPECT_TRUE(task.RefreshNow() && task.RefreshNow());
+    EXPECT_EQ(logs.Count("[NetProcs] Socket tables readable again"), 1u);
 }
 
 TEST(EcsDocumentTest, EveryKindOfAlarmFollowsTheOfficialDefinitions) {
