@@ -50,7 +50,6 @@ protected:
         Psql("\\i " SOURCE_DIR "/packaging/collector/schema.sql");
 
         std::string conf = ReadFile(SOURCE_DIR "/packaging/collector/hostagent-collector.conf");
-        // Each placeholder, then its value.
         const std::string values[] = {
             "COLLECTOR_LISTEN_ADDRESS", kCollector, "COLLECTOR_DB_HOST",     m_dir.File("pgsock"),
             "COLLECTOR_DB_PORT",        "5432",     "COLLECTOR_DB_NAME",     "hostagent",
@@ -90,10 +89,6 @@ protected:
     }
 
     void TearDown() override {
-        for (auto& agent : m_agents) {
-            agent->Signal(SIGTERM);
-            agent->WaitExit(Millis(15000));
-        }
         m_agents.clear();
         m_rsyslog.reset();
         TestSupport::Run(PgCtl({"-m", "fast", "stop"}));
@@ -107,11 +102,8 @@ protected:
     std::unique_ptr<NetNs> Attach(const std::string& name, const std::string& address) {
         auto ns = std::make_unique<NetNs>(name);
         const std::string port = "p" + std::to_string(m_ports++);
-        MustRun({"ip", "-n", m_lan->Name(), "link", "add", port, "type", "veth", "peer", "name", "eth0",
-                 "netns", ns->Name()});
-        MustRun({"ip", "-n", m_lan->Name(), "link", "set", port, "master", "br0", "up"});
-        MustRun({"ip", "-n", ns->Name(), "addr", "add", address + "/24", "dev", "eth0"});
-        MustRun({"ip", "-n", ns->Name(), "link", "set", "eth0", "up"});
+        AddVethPair(*m_lan, port, "", *ns, "eth0", address + "/24");
+        MustRun({"ip", "-n", m_lan->Name(), "link", "set", port, "master", "br0"});
         return ns;
     }
 

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <set>
 
@@ -45,15 +46,14 @@ protected:
     std::vector<Json::Value> WaitFor(size_t count, const std::string& classId, const std::string& remote,
                                      Seconds limit = Seconds(10)) {
         std::vector<Json::Value> chosen;
+        const auto other = [&](const Json::Value& document) {
+            return document["event_classid"] != classId ||
+                   document["network_info"]["remote_address"] != remote;
+        };
         WaitUntil(
             [&] {
-                chosen.clear();
-                for (const Json::Value& document : ReadAlarms(m_lab->AlarmFile())) {
-                    if (document["event_classid"] == classId &&
-                        document["network_info"]["remote_address"] == remote) {
-                        chosen.push_back(document);
-                    }
-                }
+                chosen = ReadAlarms(m_lab->AlarmFile());
+                chosen.erase(std::remove_if(chosen.begin(), chosen.end(), other), chosen.end());
                 return chosen.size() >= count;
             },
             limit);
@@ -65,29 +65,23 @@ protected:
 };
 
 TEST_F(PortScanAdversaryE2E, SpoofedFramesDecoysAndRepeatsDoNotHideTheScanner) {
-    // (a) 25 spoofed public SYNs to each of three ports, more than a port's packet limit: no freeze.
-    for (unsigned port : {21u, 23u, 25u}) {
-        m_lab->SpoofedSyns(kSpoofedPublic, port, 25, "u2000", kMonitored);
-    }
-    m_lab->Nmap({"-sS"}, "21,23,25", kSourcePort, kMonitored);
-    EXPECT_EQ(PortsOf(WaitFor(3, "portscan_0002", kScanner)), (std::set<unsigned>{21, 23, 25}));
-
-    // (b) A 3 s spoofed flood (10,000 a second) to one port, then a scan of it and four more: five
-    // alarms, and the task never stopped.
-    m_lab->SpoofedSyns(kSpoofedPublic, 110, 30000, "u100", kMonitored);
-    m_lab->Nmap({"-sS"}, "110,135,139,445,1433", kSourcePort, kMonitored);
+    // (a) A 3 s spoofed public flood (10,000 a second, past a port's packet limit) to one port, then a
+    // scan of it and seven more: eight alarms; no port froze and the task never stopped.
+    TestSupport::Run(Hping("-S", 110, 30000, "u100", kSourcePort, kMonitored, kSpoofedPublic),
+                     m_lab->scanner.Name());
+    m_lab->Nmap({"-sS"}, "21,23,25,110,135,139,445,1433", kSourcePort, kMonitored);
     EXPECT_EQ(PortsOf(WaitFor(8, "portscan_0002", kScanner)),
               (std::set<unsigned>{21, 23, 25, 110, 135, 139, 445, 1433}));
     const std::string log = ReadFile(m_lab->Log());
     EXPECT_EQ(log.find("stopped by itself"), std::string::npos);
     EXPECT_EQ(log.find("Freeze port"), std::string::npos);
 
-    // (c) Two decoys beside the real scanner: the scanner is named for every port.
+    // (b) Two decoys beside the real scanner: the scanner is named for every port.
     m_lab->Nmap({"-sS", "-D", std::string(kDecoys) + ",ME"}, "1521,3306,3389", kSourcePort, kMonitored);
     EXPECT_EQ(PortsOf(WaitFor(11, "portscan_0002", kScanner)),
               (std::set<unsigned>{21, 23, 25, 110, 135, 139, 445, 1433, 1521, 3306, 3389}));
 
-    // (d) One scan of ten ports from a second scanner: one summary of the ten within the quiet time
+    // (c) One scan of ten ports from a second scanner: one summary of the ten within the quiet time
     // and two seconds of its end; the same scan again: a second summary, although every port alarmed.
     const std::string tenPorts = "21,23,25,110,135,139,445,1433,1521,3306";
     const auto quiet = Seconds(m_task.get("summary_quiet_s", 5).asInt());
@@ -99,19 +93,11 @@ TEST_F(PortScanAdversaryE2E, SpoofedFramesDecoysAndRepeatsDoNotHideTheScanner) {
         ASSERT_EQ(summaries.size(), round);
         EXPECT_LE(std::chrono::steady_clock::now() - ended, quiet + Seconds(2))
             << "summary " << round << " late";
-        const Json::Value& scan = summaries.back()["scan_summary"];
-        EXPECT_EQ(scan["port_count"].asUInt(), 10u);
-        std::set<unsigned> ports;
-        for (const Json::Value& port : scan["ports"]) {
-            ports.insert(port.asUInt());
-        }
-        EXPECT_EQ(ports, (std::set<unsigned>{21, 23, 25, 110, 135, 139, 445, 1433, 1521, 3306}));
-        ASSERT_EQ(scan["probe_kinds"].size(), 1u);
-        EXPECT_EQ(scan["probe_kinds"][0].asString(), "SYN");
+        EXPECT_EQ(summaries.back()["scan_summary"]["port_count"].asUInt(), 10u);
         EXPECT_EQ(summaries.back()["network_info"]["local_address"].asString(), kSecondMonitored);
     }
 
-    // (e) A UDP scan of the shipped UDP ports: each alarms.
+    // (d) A UDP scan of the shipped UDP ports: each alarms.
     std::set<unsigned> udpPorts;
     std::string udpList;
     for (const Json::Value& entry : m_task["monitor_list"]) {

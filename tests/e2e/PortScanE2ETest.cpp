@@ -1,6 +1,5 @@
-// The whole product against real scanners: the agent in a namespace of its own, nmap and hping3 from
-// a private scanner, a white-listed one and a public one. One agent run covers every scenario, each on
-// ports of its own, over two one-minute ticks.
+// The whole product against nmap and hping3 from a private, a white-listed and a public neighbour: one
+// agent run covers every scenario, each on ports of its own, over two one-minute ticks.
 
 #include "ScanLab.h"
 
@@ -20,12 +19,9 @@ const char* const kMonitoredAddr = "10.77.1.1";
 const char* const kScannerAddr = "10.77.1.2";
 const char* const kMonitoredWhiteSide = "192.168.77.1";
 const char* const kMonitoredPublicSide = "198.51.100.1";
-// The monitored host's addresses (loopback aside): the capture filter tests each of them twice.
-const size_t kLocalAddrCount = 3;
 
-// Watched ports, one group per scenario. The UDP ports lie above every TCP port: the port records'
-// ordering is deliberately inconsistent when port and protocol disagree, and a record it cannot find
-// again collects no alarm (a property of the module, kept out of this test's way).
+// Watched ports, one group per scenario. The UDP ports lie above every TCP port: the module's port
+// records are not found again when port and protocol order disagree (kept out of this test's way).
 const unsigned kSynNmapA = 2301, kSynNmapB = 2302, kSynHping = 2303, kListened = 2304, kWhiteListed = 2305,
                kFromPublic = 2306, kProbedOnce = 2307, kFlooded = 2308, kDuringRewrite = 2309;
 const unsigned kUdpNmap = 2351, kUdpHping = 2352;
@@ -41,9 +37,9 @@ std::string PolicyText(const std::string& hash) {
     for (unsigned port = kSynNmapA; port <= kUdpHping; port = port == kDuringRewrite ? kUdpNmap : port + 1) {
         watched.emplace_back(port, port >= kUdpNmap ? 1 : 0);
     }
-    return FeaturePolicyText(hash, WatchingTask(watched, R"({"white_ip_list": "192.168.77.0/24",
+    return FeaturePolicyText(hash, watched, R"({"white_ip_list": "192.168.77.0/24",
         "check_port_before_alarm": true, "port_package_max_num": 20, "port_ip_max_num": 4, "alarm_max_num": 1,
-        "package_max_num": 1000, "only_master_interface": false, "enable": true, "task_condition": {}})"));
+        "package_max_num": 1000, "only_master_interface": false, "enable": true, "task_condition": {}})");
 }
 
 const Json::Value* AlarmFor(const std::vector<Json::Value>& alarms, unsigned port) {
@@ -55,8 +51,8 @@ const Json::Value* AlarmFor(const std::vector<Json::Value>& alarms, unsigned por
 TEST(PortScanE2E, RealScansRaiseExactlyTheExpectedAlarms) {
     SKIP_WITHOUT("ip", "ss", "nmap", "hping3", "nc");
     Lab lab("e2e", kMonitoredAddr, kScannerAddr);
-    const std::string white = lab.AddNeighbour("white", kMonitoredWhiteSide, "192.168.77.2").Name();
-    const std::string pub = lab.AddNeighbour("pub", kMonitoredPublicSide, "198.51.100.2").Name();
+    lab.AddNeighbour("white", kMonitoredWhiteSide, "192.168.77.2");
+    lab.AddNeighbour("pub", kMonitoredPublicSide, "198.51.100.2");
 
     // A local program on a watched port, there before the agent looks.
     Child listener({"nc", "-lk", std::to_string(kListened)}, lab.mon.Name(), "/dev/null", "/dev/null");
@@ -65,22 +61,14 @@ TEST(PortScanE2E, RealScansRaiseExactlyTheExpectedAlarms) {
     const long started = time(nullptr);
     // Tick 0 builds the monitor list and the capture socket.
     ASSERT_NO_FATAL_FAILURE(lab.StartAgent(PolicyText("first")));
-    std::vector<BpfInsn> before;
-    ASSERT_TRUE(WaitUntil([&] { return !(before = lab.AgentFilter()).empty(); }, Seconds(10)))
+    std::vector<unsigned> portsBefore;
+    ASSERT_TRUE(
+        WaitUntil([&] { return !(portsBefore = FilterPorts(lab.AgentFilter())).empty(); }, Seconds(10)))
         << "no filter attached to the agent's packet socket";
-    const std::vector<unsigned> portsBefore = FilterPorts(before);
-    EXPECT_EQ(before.size(), 2 * kLocalAddrCount + portsBefore.size() + 13);
-    // Every watched port is in it, except perhaps the listened one (left out once the agent's
-    // process cache knows the listener).
-    EXPECT_EQ(portsBefore.size() + (Contains(portsBefore, kListened) ? 0 : 1), 11u);
-    for (unsigned port = kSynNmapA; port <= kUdpHping; port = port == kDuringRewrite ? kUdpNmap : port + 1) {
-        EXPECT_TRUE(port == kListened || Contains(portsBefore, port))
-            << "port " << port << " not in the filter";
-    }
+    ASSERT_TRUE(Contains(portsBefore, kFlooded));
 
-    // First minute: every scenario on its own ports. Two probes per alarmed port cross the default
-    // threshold; nmap is run twice because it sends one SYN to a port that answers with a reset. The
-    // agent reads one frame per wake-up of its capture socket, so nmap's probes are spaced.
+    // First minute: two probes per alarmed port (nmap sends a closed port one SYN, so it runs twice),
+    // spaced: the agent reads one frame per wake-up of its capture socket.
     for (int round = 0; round < 2; ++round) {
         lab.Nmap({"-sS", "--scan-delay", "100ms"},
                  std::to_string(kSynNmapA) + "," + std::to_string(kSynNmapB), 41001, kMonitoredAddr);
@@ -89,27 +77,21 @@ TEST(PortScanE2E, RealScansRaiseExactlyTheExpectedAlarms) {
     lab.Scan(Hping("-S", kSynHping, 2, "u200000", 41003, kMonitoredAddr));
     lab.Scan(Hping("--udp", kUdpHping, 2, "u200000", 41005, kMonitoredAddr));
     lab.Scan(Hping("-S", kListened, 3, "u200000", 41006, kMonitoredAddr));
-    lab.Scan(Hping("-S", kWhiteListed, 3, "u200000", 41007, kMonitoredWhiteSide), white);
-    lab.Scan(Hping("-S", kFromPublic, 3, "u200000", 41008, kMonitoredPublicSide), pub);
+    lab.Scan(Hping("-S", kWhiteListed, 3, "u200000", 41007, kMonitoredWhiteSide), lab.Namespace("white"));
+    lab.Scan(Hping("-S", kFromPublic, 3, "u200000", 41008, kMonitoredPublicSide), lab.Namespace("pub"));
     lab.Scan(Hping("-S", kProbedOnce, 1, "u200000", 41010, kMonitoredAddr));
     // More packets than "port_package_max_num" (20) freeze the port.
     lab.Scan(Hping("-S", kFlooded, 25, "u20000", 41011, kMonitoredAddr));
 
-    EXPECT_TRUE(
-        WaitForLine(lab.Log(), "[PortScan] Freeze port [" + std::to_string(kFlooded) + "]", Seconds(20)));
-    std::vector<BpfInsn> after;
+    std::vector<unsigned> portsAfter;
     EXPECT_TRUE(WaitUntil(
         [&] {
-            after = lab.AgentFilter();
-            return !after.empty() && !Contains(FilterPorts(after), kFlooded);
+            portsAfter = FilterPorts(lab.AgentFilter());
+            return !portsAfter.empty() && !Contains(portsAfter, kFlooded);
         },
         Seconds(20)))
         << "the frozen port stayed in the capture filter";
-    const std::vector<unsigned> portsAfter = FilterPorts(after);
-    EXPECT_LT(after.size(), before.size());
-    EXPECT_EQ(before.size() - after.size(), portsBefore.size() - portsAfter.size());
-    for (unsigned port : portsBefore) {
-        // The listened port may leave too, once the agent's process cache knows the listener.
+    for (unsigned port : portsBefore) {  // the listener's port may leave once the agent knows it
         EXPECT_TRUE(port == kFlooded || port == kListened || Contains(portsAfter, port))
             << "port " << port << " left the filter";
     }
@@ -122,15 +104,6 @@ TEST(PortScanE2E, RealScansRaiseExactlyTheExpectedAlarms) {
         ASSERT_TRUE(alarm) << "no alarm for port " << port;
         ExpectAlarm(*alarm, port, udp, kMonitoredAddr, kScannerAddr, remotePort, started);
     }
-    // One tick numbers its documents 1, 2, 3, ... (the flooded port is left out of this count: it
-    // leaves the monitored list when it freezes).
-    std::set<int> counts, expectedCounts;
-    for (const auto& alarm : firstTick) {
-        counts.insert(alarm["event_count"].asInt());
-        expectedCounts.insert(static_cast<int>(expectedCounts.size()) + 1);
-    }
-    EXPECT_EQ(counts, expectedCounts);
-    EXPECT_EQ(firstTick.size() - AlarmPorts(firstTick).count(kFlooded), std::size(kFirstTickAlarms));
 
     // Second minute: the policy file is rewritten while a scan is running.
     const size_t sentAtFirstTick = LoggedAlarms(lab.Log()).size();
@@ -141,7 +114,6 @@ TEST(PortScanE2E, RealScansRaiseExactlyTheExpectedAlarms) {
         WriteFile(lab.dir.File("portscan.json"), PolicyText("second-after-rewrite"));
         EXPECT_TRUE(scan.WaitExit(Seconds(40))) << "hping3 did not finish";
     }
-    EXPECT_TRUE(lab.agent->Running()) << "the agent ended after the policy rewrite";
     EXPECT_EQ(2u, Occurrences(ReadFile(lab.Log()), "Start to refresh"))
         << "the rewritten policy was not delivered during the scan";
 
@@ -154,25 +126,18 @@ TEST(PortScanE2E, RealScansRaiseExactlyTheExpectedAlarms) {
     const std::vector<Json::Value> logged = LoggedAlarms(lab.Log());
     const std::vector<Json::Value> filed = ReadAlarms(lab.AlarmFile());
     EXPECT_EQ(EventIds(filed), EventIds(logged)) << "the alarm file and the log disagree";
-    EXPECT_EQ(EventIds(ReadAlarms(lab.dir.File("agent.out"))), EventIds(logged))
-        << "stdout and the log disagree";
-    EXPECT_EQ(EventIds(filed).size(), filed.size()) << "an event id repeats";
     const std::multiset<unsigned> ports = AlarmPorts(filed);
     EXPECT_EQ(std::set<unsigned>(ports.begin(), ports.end()).size(), ports.size())
         << "a port alarmed more than once in one run";
     for (unsigned port : {kListened, kWhiteListed, kFromPublic, kProbedOnce}) {
         EXPECT_EQ(ports.count(port), 0u) << "port " << port << " must raise no alarm";
     }
-    // The silent ports were silent for the right reason: their probes were captured and classified
-    // (or, for the listened port, never watched or found occupied).
+    // Silent for the right reason: their probes were captured and classified.
     const std::string log = ReadFile(lab.Log());
     for (unsigned port : {kWhiteListed, kFromPublic, kProbedOnce}) {
         EXPECT_NE(log.find("[PortScan] Check port (" + std::to_string(port) + ")"), std::string::npos)
             << "probes to port " << port << " never reached the classifiers";
     }
-    EXPECT_NE(log.find("[PortScan] safe pkt found"), std::string::npos);
-    EXPECT_TRUE(!Contains(portsBefore, kListened) ||
-                log.find("[PortScan] Port Occupied") != std::string::npos);
     const Json::Value* rewrite = AlarmFor(filed, kDuringRewrite);
     ASSERT_TRUE(rewrite) << "no alarm for the scan during the policy rewrite";
     ExpectAlarm(*rewrite, kDuringRewrite, false, kMonitoredAddr, kScannerAddr, 41009, started);

@@ -22,23 +22,19 @@ Json::Value AgentConfig() {
         "report": {"sinks": [{"type": "stdout"}, {"type": "file", "path": "alarms.jsonl"}]}})");
 }
 
-std::string FeaturePolicyText(const std::string& hash, const Json::Value& task) {
+std::string FeaturePolicyText(const std::string& hash, const std::vector<std::pair<unsigned, int>>& watched,
+                              const std::string& task) {
     Json::Value policy =
         Parsed(R"({"feature_name": "portscan", "enabled": true, "content": {"is_feature_enable": true}})");
     policy["hash"] = hash;
-    policy["content"]["port_scan_task"] = task;
-    return policy.toStyledString();
-}
-
-Json::Value WatchingTask(const std::vector<std::pair<unsigned, int>>& watched, const std::string& json) {
-    Json::Value task = Parsed(json);
-    task["monitor_list"] = Json::arrayValue;
+    policy["content"]["port_scan_task"] = Parsed(task);
+    Json::Value& list = policy["content"]["port_scan_task"]["monitor_list"] = Json::arrayValue;
     for (const auto& [port, type] : watched) {
-        Json::Value& entry = task["monitor_list"].append(Json::objectValue);
+        Json::Value& entry = list.append(Json::objectValue);
         entry["port"] = port;
         entry["type"] = type;
     }
-    return task;
+    return policy.toStyledString();
 }
 
 Json::Value Parsed(const std::string& text) {
@@ -75,30 +71,28 @@ std::vector<Json::Value> LoggedAlarms(const std::string& logPath) {
 
 void ExpectAlarm(const Json::Value& alarm, unsigned port, bool udp, const std::string& local,
                  const std::string& remote, int remotePort, long notBefore) {
-    SCOPED_TRACE("alarm for port " + std::to_string(port) + ": " + alarm.toStyledString());
-    Json::Value fixed = Parsed(R"({"event_category": 6000, "event_type": 6002, "severity": 1,
-        "attack_phase": 1, "attack_tag": 1, "confidence": 60, "detect_module": "portscan_module"})");
-    fixed["event_classid"] = udp ? "portscan_0001" : "portscan_0002";
-    fixed["event_name"] = udp ? "Common port scan" : "Secret port scan";
-    for (const std::string& key : fixed.getMemberNames()) {
-        EXPECT_EQ(alarm[key], fixed[key]) << key;
-    }
-    const Json::Value& net = alarm["network_info"];
-    ASSERT_TRUE(net.isObject());
-    EXPECT_EQ(net["protocol"].asString(), udp ? "UDP" : "TCP");
-    ASSERT_TRUE(net["app_protocol"].isString());
-    EXPECT_EQ(net["app_protocol"].asString(), udp ? "" : "SYN");
-    EXPECT_EQ(net["remote_address"].asString(), remote);
-    ASSERT_TRUE(net["remote_port"].isInt() && net["local_port"].isUInt());
-    EXPECT_EQ(net["remote_port"].asInt(), remotePort);
-    EXPECT_EQ(net["local_address"].asString(), local);
-    EXPECT_EQ(net["local_port"].asUInt(), port);
+    SCOPED_TRACE("alarm for port " + std::to_string(port));
     EXPECT_TRUE(std::regex_match(alarm["event_id"].asString(),
                                  std::regex("[0-9a-fA-F]{8}(-[0-9a-fA-F]{4}){3}-[0-9a-fA-F]{12}")));
-    ASSERT_TRUE(alarm["occur_time"].isInt64() && alarm["event_count"].isInt());
+    ASSERT_TRUE(alarm["occur_time"].isInt64());
     EXPECT_GE(alarm["occur_time"].asInt64(), notBefore);
     EXPECT_LE(alarm["occur_time"].asInt64(), static_cast<long>(time(nullptr)) + 5);
-    EXPECT_GE(alarm["event_count"].asInt(), 1);
+    // Every other key exactly, numbers as numbers (as parsed: int).
+    Json::Value expected = Parsed(R"({"event_category": 6000, "event_type": 6002, "severity": 1,
+        "attack_phase": 1, "attack_tag": 1, "confidence": 60, "detect_module": "portscan_module"})");
+    for (const char* key : {"event_id", "occur_time", "event_count"}) {
+        expected[key] = alarm[key];
+    }
+    expected["event_classid"] = udp ? "portscan_0001" : "portscan_0002";
+    expected["event_name"] = udp ? "Common port scan" : "Secret port scan";
+    Json::Value& net = expected["network_info"];
+    net["protocol"] = udp ? "UDP" : "TCP";
+    net["app_protocol"] = udp ? "" : "SYN";
+    net["local_address"] = local;
+    net["local_port"] = static_cast<int>(port);
+    net["remote_address"] = remote;
+    net["remote_port"] = remotePort;
+    EXPECT_EQ(alarm, expected);
 }
 
 unsigned AlarmPort(const Json::Value& alarm) {
@@ -116,27 +110,6 @@ std::set<std::string> EventIds(const std::vector<Json::Value>& alarms) {
     std::transform(alarms.begin(), alarms.end(), std::inserter(ids, ids.end()),
                    [](const Json::Value& alarm) { return alarm["event_id"].asString(); });
     return ids;
-}
-
-std::vector<BpfInsn> AttachedFilter(const std::string& netns, pid_t pid, const std::string& protocol) {
-    // A socket's record starts on an unindented line; its filter follows on indented ones.
-    const std::string out = Run({"ss", "-0", "-b", "-p"}, netns, Seconds(20)).output;
-    static const std::regex kRecordStart("\n(?=\\S)"), kInsn("0x([0-9a-fA-F]+) ([0-9]+) ([0-9]+) ([0-9]+),");
-    for (std::sregex_token_iterator at(out.begin(), out.end(), kRecordStart, -1), last; at != last; ++at) {
-        const std::string record = *at;
-        if (record.find("pid=" + std::to_string(pid) + ",") == std::string::npos ||
-            record.find("bpf filter") == std::string::npos ||
-            (!protocol.empty() && !std::regex_search(record, std::regex("\\s" + protocol + ":")))) {
-            continue;
-        }
-        std::vector<BpfInsn> program;
-        for (std::sregex_iterator it(record.begin(), record.end(), kInsn), end; it != end; ++it) {
-            const auto field = [&](int i, int base) { return unsigned(std::stoul((*it)[i], nullptr, base)); };
-            program.push_back({field(1, 16), field(2, 10), field(3, 10), field(4, 10)});
-        }
-        return program;
-    }
-    return {};
 }
 
 std::vector<unsigned> FilterPorts(const std::vector<BpfInsn>& program, bool ipv6) {
@@ -201,9 +174,13 @@ std::unique_ptr<Child> StartRsyslog(const TempDir& dir, const std::string& body,
 }
 
 std::vector<std::string> Hping(const std::string& mode, unsigned port, int count, const std::string& interval,
-                               int sourcePort, const std::string& target) {
-    return std::vector<std::string>({"hping3", "-q", mode, "-c", std::to_string(count), "-i", interval, "-p",
-                                     std::to_string(port), "-s", std::to_string(sourcePort), "-k", target});
+                               int sourcePort, const std::string& target, const std::string& spoofed) {
+    std::vector<std::string> argv({"hping3", "-q", mode, "-c", std::to_string(count), "-i", interval, "-p",
+                                   std::to_string(port), "-s", std::to_string(sourcePort), "-k", target});
+    if (!spoofed.empty()) {
+        argv.insert(argv.end() - 1, {"-a", spoofed});
+    }
+    return argv;
 }
 
 // Namespaces a killed run left behind go before this run makes its own.
@@ -222,11 +199,9 @@ Lab::~Lab() {
     }
 }
 
-const NetNs& Lab::AddNeighbour(const std::string& name, const std::string& monitoredAddr,
-                               const std::string& addr) {
+void Lab::AddNeighbour(const std::string& name, const std::string& monitoredAddr, const std::string& addr) {
     neighbours.push_back(std::make_unique<NetNs>(Namespace(name)));
     AddVethPair(mon, "to-" + name, monitoredAddr + "/24", *neighbours.back(), "eth0", addr + "/24");
-    return *neighbours.back();
 }
 
 void Lab::StartAgent(const std::string& policy, const Json::Value& config) {
@@ -247,13 +222,6 @@ void Lab::Scan(const std::vector<std::string>& argv, const std::string& ns) {
     EXPECT_EQ(0, result.code) << argv[0] << " failed:\n" << result.output;
 }
 
-void Lab::SpoofedSyns(const std::string& spoofed, unsigned port, int count, const std::string& interval,
-                      const std::string& target) {
-    Run({"hping3", "-q", "-S", "-a", spoofed, "-c", std::to_string(count), "-i", interval, "-p",
-         std::to_string(port), target},
-        scanner.Name(), Seconds(30));
-}
-
 void Lab::Nmap(const std::vector<std::string>& options, const std::string& ports, int sourcePort,
                const std::string& target, const std::string& source6, const std::string& ns) {
     std::vector<std::string> argv = {"nmap"};
@@ -264,6 +232,29 @@ void Lab::Nmap(const std::vector<std::string>& options, const std::string& ports
     argv.insert(argv.end(), {"-Pn", "-n", "-p", ports, "-g", std::to_string(sourcePort), "--max-retries", "1",
                              "--host-timeout", "30s", target});
     Scan(argv, ns);
+}
+
+std::vector<BpfInsn> Lab::AgentFilter(const std::string& protocol) const {
+    // A socket's record starts on an unindented line; its filter follows on indented ones.
+    const std::string out = Run({"ss", "-0", "-b", "-p"}, mon.Name(), Seconds(20)).output;
+    static const std::regex kRecordStart("\n(?=\\S)"), kInsn("0x([0-9a-fA-F]+) ([0-9]+) ([0-9]+) ([0-9]+),");
+    for (std::sregex_token_iterator at(out.begin(), out.end(), kRecordStart, -1), last; at != last; ++at) {
+        const std::string record = *at;
+        if (record.find("pid=" + std::to_string(agent->Pid()) + ",") == std::string::npos ||
+            record.find("bpf filter") == std::string::npos ||
+            (!protocol.empty() && !std::regex_search(record, std::regex("\\s" + protocol + ":")))) {
+            continue;
+        }
+        std::vector<BpfInsn> program;
+        for (std::sregex_iterator it(record.begin(), record.end(), kInsn), end; it != end; ++it) {
+            const auto field = [&](int i, int radix) {
+                return unsigned(std::stoul((*it)[i], nullptr, radix));
+            };
+            program.push_back({field(1, 16), field(2, 10), field(3, 10), field(4, 10)});
+        }
+        return program;
+    }
+    return {};
 }
 
 bool Lab::WaitListening(unsigned port) {

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <functional>
-#include <iostream>
 #include <regex>
 
 using namespace TestSupport;
@@ -23,20 +22,6 @@ const int kSourcePort = 42301;
 const std::string kLogDir = "/var/log/hostagent/";
 // Every path whose name mentions the package, so that what an install leaves can be compared.
 const char* const kPathsNamedLikeThePackage = "find /etc /usr /var /run -name '*hostagent*' | sort";
-
-// The packages the root file system holds besides the package's own dependencies.
-const char* const kBasePackages = "systemd,systemd-sysv,dbus,iproute2,procps,util-linux,logrotate";
-
-// The dependency names of the .deb (versions and alternatives dropped), each after a comma.
-std::string DependencyNames(const std::string& deb) {
-    const std::string depends = "," + MustRun({"dpkg-deb", "-f", deb, "Depends"});
-    static const std::regex kFirstName(",\\s*([^\\s,|(]+)");
-    std::string names;
-    for (std::sregex_iterator it(depends.begin(), depends.end(), kFirstName), end; it != end; ++it) {
-        names += "," + (*it)[1].str();
-    }
-    return names;
-}
 
 // The pid of the container's init: the process called "systemd" below the nspawn process `nspawn`.
 pid_t ContainerInit(pid_t nspawn) {
@@ -54,36 +39,37 @@ protected:
     void SetUp() override {
         SKIP_WITHOUT("cpack", "dpkg-deb", "lintian", "mmdebstrap", "systemd-nspawn", "nsenter", "nmap", "ip");
         m_lab = std::make_unique<Lab>("e2d", kMonitored, kScanner);
-        const RunResult built = TestSupport::Run(
+        const std::string built = MustRun(
             {FindProgram("cpack"), "--config", CPACK_CONFIG, "-B", m_lab->dir.Path()}, "", Seconds(600));
-        ASSERT_EQ(built.code, 0) << built.output;
         const std::string arch = MustRun({"dpkg", "--print-architecture"});
         m_deb = m_lab->dir.File("hostagent_" PACKAGE_VERSION "_" + arch.substr(0, arch.find('\n')) + ".deb");
-        ASSERT_EQ(access(m_deb.c_str(), R_OK), 0) << built.output;
+        ASSERT_EQ(access(m_deb.c_str(), R_OK), 0) << built;
 
-        // The root file system, made once per package list and kept under the build folder.
-        const std::string packages = kBasePackages + DependencyNames(m_deb);
+        // The root file system, made once per package list (a base and the .deb's dependencies, versions
+        // and alternatives dropped) and kept under the build folder.
+        const std::string packages =
+            "systemd,systemd-sysv,dbus,iproute2,procps,util-linux,logrotate," +
+            MustRun(
+                {"sh", "-c",
+                 "dpkg-deb -f " + m_deb + " Depends | sed -E 's/\\([^)]*\\)|\\|[^,]*//g' | tr -d ' \\n'"});
         const std::string cache =
             std::string(ROOTFS_CACHE) + "-" + std::to_string(std::hash<std::string>()(packages));
         if (access((cache + "/usr/lib/systemd/systemd").c_str(), X_OK) != 0) {
             TestSupport::Run({"rm", "-rf", cache + ".new"});
-            const RunResult made = TestSupport::Run(
-                {"env", "--default-signal", "mmdebstrap", "--variant=apt", "--include=" + packages,
-                 "bookworm", cache + ".new", "deb http://deb.debian.org/debian bookworm main",
-                 "deb http://deb.debian.org/debian-security bookworm-security main"},
-                "", Seconds(600));
-            ASSERT_EQ(made.code, 0) << made.output;
+            MustRun({"env", "--default-signal", "mmdebstrap", "--variant=apt", "--include=" + packages,
+                     "bookworm", cache + ".new", "deb http://deb.debian.org/debian bookworm main",
+                     "deb http://deb.debian.org/debian-security bookworm-security main"},
+                    "", Seconds(600));
             MustRun({"mv", cache + ".new", cache});
         }
         m_root = m_lab->dir.File("rootfs");
         MustRun({"cp", "-a", cache, m_root}, "", Seconds(120));
         MustRun({"cp", m_deb, m_root + "/tmp/hostagent.deb"});
         m_before = MustRun({"chroot", m_root, "sh", "-c", kPathsNamedLikeThePackage});
-        const RunResult installed = TestSupport::Run({"chroot", m_root, "dpkg", "-i", "/tmp/hostagent.deb"});
-        ASSERT_EQ(installed.code, 0) << installed.output;
+        MustRun({"chroot", m_root, "dpkg", "-i", "/tmp/hostagent.deb"});
         // A monitoring user in the package's group, and the local syslog sink in the config.
         MustRun({"chroot", m_root, "useradd", "--no-create-home", "--groups", "hostagent", "monitor"});
-        Json::Value config = Parsed(File("/etc/hostagent/agent.json"));
+        Json::Value config = Parsed(ReadFile(m_root + "/etc/hostagent/agent.json"));
         config["report"]["sinks"].append(Parsed(R"({"type": "syslog"})"));
         WriteFile(m_root + "/etc/hostagent/agent.json", config.toStyledString());
 
@@ -110,8 +96,6 @@ protected:
         command.insert(command.end(), argv.begin(), argv.end());
         return TestSupport::Run(command, "", limit);
     }
-
-    std::string File(const std::string& path) const { return ReadFile(m_root + path); }
 
     std::unique_ptr<Lab> m_lab;
     std::string m_deb, m_root, m_before;
@@ -163,9 +147,6 @@ TEST_F(SystemdE2E, TheShippedServiceRunsDetectsRotatesReloadsReportsStopsAndPurg
     const RunResult status = In({"runuser", "-u", "monitor", "--", "hostagent", "--status"});
     EXPECT_EQ(status.code, 0) << status.output;
     EXPECT_NE(status.output.find("port_scan_task"), std::string::npos) << status.output;
-    std::cout << "hostagent --status as a member of group hostagent:\n"
-              << status.output << "journalctl -t hostagent (last line):\n"
-              << In({"journalctl", "-t", "hostagent", "-n", "1", "--no-pager"}).output;
 
     // Rotation with the shipped file: the agent is told and goes on in new files.
     const RunResult rotate = In({"logrotate", "-f", "/etc/logrotate.d/hostagent"});
@@ -177,7 +158,7 @@ TEST_F(SystemdE2E, TheShippedServiceRunsDetectsRotatesReloadsReportsStopsAndPurg
         << "no alarm in the new alarm file";
 
     // A reload delivers an edited policy.
-    Json::Value policy = Parsed(File("/etc/hostagent/policies/portscan.json"));
+    Json::Value policy = Parsed(ReadFile(m_root + "/etc/hostagent/policies/portscan.json"));
     policy["content"]["port_scan_task"]["summary_quiet_s"] = 7;
     WriteFile(m_root + "/etc/hostagent/policies/portscan.json", policy.toStyledString());
     EXPECT_EQ(In({"systemctl", "reload", "hostagent"}).code, 0);
@@ -189,20 +170,14 @@ TEST_F(SystemdE2E, TheShippedServiceRunsDetectsRotatesReloadsReportsStopsAndPurg
     ASSERT_TRUE(
         std::regex_search(security.output, exposure, std::regex(R"(exposure level for \S+: ([0-9.]+))")))
         << security.output;
-    std::cout << "systemd-analyze security (online): exposure " << exposure[1] << "\n";
     EXPECT_LE(std::stod(exposure[1]), 2.5) << security.output;
 
-    // A stop leaves nothing unsent: every alarm is in the file, none is reported lost.
-    const size_t alarms = ReadAlarms(alarmFile).size();
+    // A clean stop: none reported lost, none missing from the files (below).
     EXPECT_EQ(In({"systemctl", "stop", "hostagent"}).code, 0);
-    const std::string text = ReadFile(log);
-    EXPECT_NE(text.find("[Agent] hostagent stopped"), std::string::npos) << text;
-    EXPECT_EQ(text.find("are lost"), std::string::npos) << text;
-    EXPECT_EQ(ReadAlarms(alarmFile).size(), alarms);
+    EXPECT_EQ(ReadFile(log).find("are lost"), std::string::npos) << ReadFile(log);
     EXPECT_EQ(In({"systemctl", "is-failed", "hostagent"}).output, "inactive\n");
 
-    // No alarm lost or repeated by the rotation: the old and the new alarm file hold, once each, what
-    // the old and the new log say was sent.
+    // Nothing lost or repeated by the rotation: the alarm files hold, once each, what the logs say was sent.
     std::vector<Json::Value> filed = ReadAlarms(alarmFile + ".1"), logged = LoggedAlarms(log + ".1");
     EXPECT_EQ(filed.size(), 3u);
     const std::vector<Json::Value> newFiled = ReadAlarms(alarmFile), newLogged = LoggedAlarms(log);

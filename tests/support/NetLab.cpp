@@ -75,7 +75,9 @@ void AddVethPair(const NetNs& a, const std::string& aIf, const std::string& aAdd
     MustRun({"ip", "link", "add", aIf, "netns", a.Name(), "type", "veth", "peer", "name", bIf, "netns",
              b.Name()});
     for (const auto& [ns, ifName, addr] : {std::tuple{&a, aIf, aAddr}, std::tuple{&b, bIf, bAddr}}) {
-        MustRun({"ip", "-n", ns->Name(), "addr", "add", addr, "dev", ifName});
+        if (!addr.empty()) {
+            MustRun({"ip", "-n", ns->Name(), "addr", "add", addr, "dev", ifName});
+        }
         MustRun({"ip", "-n", ns->Name(), "link", "set", ifName, "up"});
     }
 }
@@ -198,15 +200,8 @@ bool WaitUntil(const std::function<bool()>& ready, Millis timeout) {
     return true;
 }
 
-std::optional<std::string> WaitForLine(const std::string& path, const std::string& needle, Millis timeout) {
-    std::string text;
-    std::size_t at = std::string::npos;
-    if (!WaitUntil([&] { return (at = (text = ReadFile(path)).find(needle)) != std::string::npos; },
-                   timeout)) {
-        return std::nullopt;
-    }
-    const std::size_t begin = text.rfind('\n', at) + 1;  // 0 when it is the first line
-    return text.substr(begin, text.find('\n', at) - begin);
+bool WaitForLine(const std::string& path, const std::string& needle, Millis timeout) {
+    return WaitUntil([&] { return ReadFile(path).find(needle) != std::string::npos; }, timeout);
 }
 
 }  // namespace TestSupport

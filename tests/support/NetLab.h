@@ -52,7 +52,7 @@ private:
 // Deletes namespaces named `prefix` + pid + anything whose pid is gone: left by a killed run.
 void RemoveStaleNamespaces(const std::string& prefix);
 
-// A veth pair between two namespaces, each end up with one address ("a.b.c.d/len"); no extra routes.
+// A veth pair between two namespaces, each end up with its address ("a.b.c.d/len", or none); no routes.
 void AddVethPair(const NetNs& a, const std::string& aIf, const std::string& aAddr, const NetNs& b,
                  const std::string& bIf, const std::string& bAddr);
 
@@ -96,7 +96,7 @@ void WriteFile(const std::string& path, const std::string& text);
 
 // Polls every 100 ms until `ready()`; false when `timeout` passes first.
 bool WaitUntil(const std::function<bool()>& ready, Millis timeout);
-// The first line of `path` containing `needle`, waited for up to `timeout`.
-std::optional<std::string> WaitForLine(const std::string& path, const std::string& needle, Millis timeout);
+// Whether `path` comes to hold `needle` within `timeout`.
+bool WaitForLine(const std::string& path, const std::string& needle, Millis timeout);
 
 }  // namespace TestSupport
